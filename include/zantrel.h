@@ -1,0 +1,285 @@
+/*
+ * libzantrel — overlays for the camera's video pipeline.
+ *
+ * Public C interface. Every record that crosses a process or the driver
+ * boundary has a fixed byte layout (32-bit little-endian words); the main
+ * table differs between word sizes only in the size of its trailing mutex.
+ */
+#ifndef ZANTREL_H
+#define ZANTREL_H
+
+#include <pthread.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define ZANTREL_API __attribute__((visibility("default")))
+#else
+#define ZANTREL_API
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Constants                                                                */
+/* ------------------------------------------------------------------------ */
+
+/* overlay_position.coord_type: x and y are fractions of the frame. */
+#define OVERLAY_COORDS_NORMALIZED 2
+
+/* Overlay types, the `type` of a table entry. */
+#define OVERLAY_TYPE_PLAIN 1
+#define OVERLAY_TYPE_TEXT 2
+#define OVERLAY_TYPE_MODIFIABLE_TEXT 3
+#define OVERLAY_TYPE_IMAGE 4
+#define OVERLAY_TYPE_SCALABLE_IMAGE 5
+
+/* Limits of the shared tables. */
+#define OVERLAY_MAX_HANDLES 100
+#define OVERLAY_SET_PLACES 8
+#define OVERLAY_NBR_CHANNELS 16
+#define OVERLAY_PALETTE_SIZE 16
+
+/* Stream filter bits (overlay_table_get_entries). */
+#define OVERLAY_FILTER_LEGACY 1u
+#define OVERLAY_FILTER_NON_LEGACY 2u
+#define OVERLAY_FILTER_PLAIN 4u
+
+/* Pixel formats. */
+typedef uint32_t overlay_format;
+enum {
+  OVERLAY_FORMAT_FULL_COLOR = 0,
+  OVERLAY_FORMAT_16BIT = 1,
+  OVERLAY_FORMAT_8BIT = 2,
+  OVERLAY_FORMAT_PALETTE_4BIT = 3,
+  OVERLAY_FORMAT_PALETTE_4BIT_DUAL = 4,
+  OVERLAY_FORMAT_ARGB32 = 7,
+  OVERLAY_FORMAT_1BIT = 8,
+  OVERLAY_FORMAT_PALETTE_8BIT = 9,
+  OVERLAY_FORMAT_20BIT = 10,
+  OVERLAY_FORMAT_YCBCR_ALPHA = 11
+};
+
+/* The six named colours of text overlays. */
+typedef uint32_t overlay_color;
+enum {
+  OVERLAY_COLOR_BLACK = 0,
+  OVERLAY_COLOR_WHITE = 1,
+  OVERLAY_COLOR_RED = 2,
+  OVERLAY_COLOR_TRANSPARENT = 3,
+  OVERLAY_COLOR_SEMI_TRANSPARENT = 4,
+  OVERLAY_COLOR_GREY = 5
+};
+
+/* ------------------------------------------------------------------------ */
+/* Records                                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Where an overlay stands in the frame (20 bytes). */
+typedef struct overlay_position {
+  float x;
+  float y;
+  float visible_width;  /* fraction 0.0 to 1.0 of the content width shown */
+  float visible_height; /* fraction 0.0 to 1.0 of the content height shown */
+  uint32_t coord_type;  /* OVERLAY_COORDS_NORMALIZED, else pixels */
+} overlay_position;
+
+/* The description of every overlay (88 bytes). */
+typedef struct overlay {
+  int32_t priority;
+  uint32_t ignore_stream_filter;
+  uint32_t buffer_size; /* output of creation */
+  uint32_t width;
+  uint32_t height;
+  uint32_t nbr_buffers;
+  uint32_t palette_bank; /* 0 standard bank, 1 user bank */
+  overlay_position position;
+  overlay_format format;
+  uint32_t reserved1;
+  uint32_t reserved2;
+  uint32_t palette_colors[4]; /* OVERLAY_FORMAT_1BIT only */
+  uint32_t legacy;
+  uint32_t reserved3;
+  uint32_t reserved4;
+} overlay;
+
+/* The driver's description of one hardware overlay (76 bytes). */
+typedef struct internal_overlay {
+  uint32_t id;
+  uint32_t x; /* pixels, or 1/16384 of the frame when normalized */
+  uint32_t y;
+  uint32_t width;
+  uint32_t height;
+  int32_t type;
+  uint32_t nbr_buffers;
+  uint32_t reserved1[2];
+  uint32_t visible_width;
+  uint32_t visible_height;
+  uint32_t coord_type;
+  uint32_t palette_bank;
+  uint32_t palette_colors[4];
+  uint32_t buffer_size;
+  uint32_t reserved2;
+} internal_overlay;
+
+/* One colour of the shared palette copy (8 bytes): the ARGB bytes in
+ * big-endian order, then the caller's flag word. */
+typedef struct overlay_palette_color {
+  uint8_t alpha;
+  uint8_t red;
+  uint8_t green;
+  uint8_t blue;
+  uint32_t flag;
+} overlay_palette_color;
+
+/* What a table entry holds (644 bytes). */
+typedef struct overlay_entry_data {
+  int32_t kernel_id; /* 0: no hardware overlay */
+  int32_t type;      /* OVERLAY_TYPE_*, 0 in a free entry */
+  uint32_t width;    /* content size before rounding */
+  uint32_t height;
+  union {
+    overlay ovl; /* every description record begins with an overlay */
+    unsigned char bytes[628];
+  } description;
+} overlay_entry_data;
+
+/* One slot of the main table (652 bytes); handle h is slot h - 1. */
+typedef struct overlay_table_entry {
+  uint32_t stream_count;
+  uint32_t in_use;
+  overlay_entry_data data;
+} overlay_table_entry;
+
+/* The main shared table "/ovl_table". Handle sets hold handle - 1, and -1
+ * for an empty place. table_mutex is the platform's pthread_mutex_t, kept as
+ * bytes so that it starts at its fixed offset on every word size. */
+typedef struct overlay_table {
+  uint32_t version;
+  int8_t source_handles[OVERLAY_SET_PLACES];
+  int8_t global_handles[OVERLAY_SET_PLACES];
+  int8_t channel_handles[OVERLAY_NBR_CHANNELS][OVERLAY_SET_PLACES];
+  overlay_table_entry entries[OVERLAY_MAX_HANDLES];
+  overlay_palette_color palette_copy[OVERLAY_PALETTE_SIZE];
+  unsigned char table_mutex[sizeof(pthread_mutex_t)];
+} overlay_table;
+
+/* The table of one stream "/ovl_strm_%d" (16 bytes). */
+typedef struct overlay_stream_table {
+  uint32_t active;
+  uint32_t version;
+  int8_t handles[OVERLAY_SET_PLACES];
+} overlay_stream_table;
+
+/* ------------------------------------------------------------------------ */
+/* Overlay records and formats                                              */
+/* ------------------------------------------------------------------------ */
+
+ZANTREL_API int32_t o_get_overlay_internal_type(overlay_format format);
+ZANTREL_API int32_t o_get_nbr_internal_slots(overlay_format format);
+ZANTREL_API int32_t o_calculate_overlay_size(uint32_t width, uint32_t height,
+                                             overlay_format format);
+ZANTREL_API void o_set_standard_palette(internal_overlay *out, const overlay *in);
+ZANTREL_API int o_calculate_overlay_position(internal_overlay *rec,
+                                             const overlay_position *pos,
+                                             uint32_t content_width,
+                                             uint32_t content_height);
+
+/* ------------------------------------------------------------------------ */
+/* Palette                                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Default colours, ARGB. */
+ZANTREL_API extern const uint32_t static_palette[OVERLAY_PALETTE_SIZE];
+/* BT.601 full-range coefficients in 16.16 fixed point: rows Y, Cb, Cr;
+ * columns red, green, blue. */
+ZANTREL_API extern const int32_t rgb2ycbcr[9];
+
+ZANTREL_API int palette_set_default(int fd);
+ZANTREL_API int palette_get_default(const uint32_t **colors, int *first);
+ZANTREL_API int palette_set_color_argb(int fd, uint32_t argb, int index, int flag);
+ZANTREL_API int32_t palette_get_color(int index);
+ZANTREL_API int palette_get_color_index(overlay_color color);
+
+/* ------------------------------------------------------------------------ */
+/* Shared table: store and lock                                             */
+/* ------------------------------------------------------------------------ */
+
+ZANTREL_API int overlay_table_init(void);
+ZANTREL_API int overlay_table_deinit(void);
+ZANTREL_API int overlay_table_exists(void);
+/* Returns MAP_FAILED when the table cannot be mapped. */
+ZANTREL_API overlay_table *overlay_table_map(void);
+ZANTREL_API int overlay_table_unmap(overlay_table *table);
+ZANTREL_API int overlay_table_lock(overlay_table *table);
+ZANTREL_API int overlay_table_try_lock(overlay_table *table);
+ZANTREL_API int overlay_table_unlock(overlay_table *table);
+
+/* ------------------------------------------------------------------------ */
+/* Shared table: entries and membership (caller holds the table lock)       */
+/* ------------------------------------------------------------------------ */
+
+ZANTREL_API int overlay_table_create_overlay(overlay_table *table,
+                                             const overlay_entry_data *data);
+ZANTREL_API int overlay_table_destroy_overlay(overlay_table *table, int handle);
+ZANTREL_API overlay_table_entry *overlay_table_get_entry(overlay_table *table, int handle);
+ZANTREL_API int overlay_table_update_overlay(overlay_table *table, int handle,
+                                             const overlay_entry_data *data,
+                                             int *replaced_kernel_id);
+ZANTREL_API int overlay_table_find_handle_by_kernel_id(overlay_table *table, int kernel_id);
+ZANTREL_API int overlay_table_add_overlay_globally(overlay_table *table, int handle);
+ZANTREL_API int overlay_table_remove_overlay_globally(overlay_table *table, int handle);
+ZANTREL_API int overlay_table_add_overlay_to_source(overlay_table *table, int handle);
+ZANTREL_API int overlay_table_remove_overlay_from_source(overlay_table *table, int handle);
+ZANTREL_API int overlay_table_add_overlay_to_channel(overlay_table *table, int handle,
+                                                     unsigned int channel);
+ZANTREL_API int overlay_table_remove_overlay_from_channel(overlay_table *table, int handle,
+                                                          unsigned int channel);
+/* Refuses an index above 15 with -2. */
+ZANTREL_API int overlay_table_set_palette_color(overlay_table *table,
+                                                const overlay_palette_color *color,
+                                                unsigned int index);
+ZANTREL_API int overlay_table_palette_get_all_colors(overlay_table *table,
+                                                     overlay_palette_color *colors);
+ZANTREL_API void overlay_print_table_entry(const overlay_table_entry *entry);
+
+/* ------------------------------------------------------------------------ */
+/* Shared table: stream tables and queries                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Returns MAP_FAILED when the stream has no table. */
+ZANTREL_API overlay_stream_table *overlay_table_map_stream(int stream);
+ZANTREL_API int overlay_table_unmap_stream(overlay_stream_table *stream_table);
+ZANTREL_API int overlay_table_add_overlay_to_stream(overlay_table *table, int handle, int stream);
+ZANTREL_API int overlay_table_remove_overlay_from_stream(overlay_table *table, int handle,
+                                                         int stream);
+ZANTREL_API int overlay_table_get_stream_table_version(int stream, unsigned int *version);
+ZANTREL_API int overlay_table_remove_stream(int stream);
+/* Gathers at most 8 entries of the global, channel and stream sets that pass
+ * the filter, by falling priority. A channel above 15 gives -4 with every
+ * handle set to -6. */
+ZANTREL_API int overlay_table_get_entries(overlay_table *table,
+                                          overlay_stream_table *stream_table,
+                                          overlay_table_entry entries[OVERLAY_SET_PLACES],
+                                          int32_t handles[OVERLAY_SET_PLACES],
+                                          unsigned int channel, int stream,
+                                          unsigned int filter);
+ZANTREL_API int overlay_table_get_source_entries(overlay_table *table,
+                                                 overlay_table_entry **entries,
+                                                 unsigned int count);
+ZANTREL_API int overlay_table_is_source_entry(overlay_table *table, int handle);
+
+/* ------------------------------------------------------------------------ */
+/* Diagnostics                                                              */
+/* ------------------------------------------------------------------------ */
+
+ZANTREL_API void overlay_print_overlay(const overlay *ovl);
+ZANTREL_API void overlay_print_overlay_position(const overlay_position *position);
+ZANTREL_API void overlay_print_overlay_color(overlay_color color);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZANTREL_H */
