@@ -1,0 +1,86 @@
+// Every test program starts in a mount namespace of its own with a fresh
+// tmpfs on /dev/shm: tests run in parallel and never see or remove the
+// machine's own shared tables. ctest runs each test in its own process.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "test_support.h"
+
+namespace {
+
+bool write_file(const char* path, const std::string& text) {
+  int fd = open(path, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  return ok;
+}
+
+// Without root, a user namespace maps the caller to root inside it.
+bool enter_user_namespace() {
+  uid_t uid = getuid();
+  gid_t gid = getgid();
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+    return false;
+  }
+  write_file("/proc/self/setgroups", "deny");
+  return write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1\n") &&
+         write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n");
+}
+
+void isolate_dev_shm() {
+  if (unshare(CLONE_NEWNS) != 0 && !enter_user_namespace()) {
+    std::fprintf(stderr, "test: cannot make a mount namespace: %s\n", std::strerror(errno));
+    std::exit(2);
+  }
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777,size=256m") != 0) {
+    std::fprintf(stderr, "test: cannot mount a private /dev/shm: %s\n", std::strerror(errno));
+    std::exit(2);
+  }
+}
+
+}  // namespace
+
+namespace zantrel::test {
+
+int run_in_child(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    int status = 1;
+    try {
+      status = body();
+    } catch (...) {
+      status = 99;
+    }
+    _exit(status);
+  }
+  if (pid < 0) {
+    return -1;
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace zantrel::test
+
+int main(int argc, char** argv) {
+  isolate_dev_shm();
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
