@@ -1,0 +1,193 @@
+/*
+ * camsim — the simulated camera driver, seen from tests and tools.
+ *
+ * libcamsim.so stands in for the camera's kernel driver on a workstation. In a
+ * process that loads it (through camsim-run, LD_PRELOAD, or by linking it
+ * before the C library) the nodes "/dev/cam0", "/dev/camquad" and
+ * "/dev/cam1" to "/dev/cam14" open, and "/dev/galcore" answers access(). A
+ * node's descriptor is a descriptor of the simulator's shared-memory file
+ * "/camsim_state", so mmap() of a buffer offset and close() are the
+ * kernel's; ioctl() on it runs the simulated driver.
+ *
+ * There is one driver state per machine (per /dev/shm), shared by every
+ * process, created with the defaults on first use. Everything below works
+ * on that shared state and may be called from any process.
+ *
+ * Driver choices worth knowing when writing tests:
+ * - Ids run from 1 upwards, never 0, unique among live overlays, always
+ *   below 2^31. At most CAMSIM_MAX_OVERLAYS overlays live at once; one more
+ *   create fails with ENOMEM, as does a create whose buffers do not fit in
+ *   the buffer arena (CAMSIM_ARENA_BYTES). Freed arena space is reused and
+ *   reads back as zeros.
+ * - Create and modify refuse (EINVAL) a visible size larger than the overlay
+ *   and normalized coordinates above 16384; create also refuses a palette
+ *   bank above 1. Modify takes the position, visible size and coordinate
+ *   type of the record and ignores its other fields.
+ * - Submit accepts any buffer of the overlay, handed out or not; the
+ *   record's param is kept (camsim_overlay_info.last_param).
+ * - Source list: adding an overlay already in the list succeeds without a
+ *   second place; removing an id that is not a live overlay is EINVAL,
+ *   removing a live overlay that is not in the list is ENOENT; an operation
+ *   other than add or remove is EINVAL. Destroy takes an overlay out of it.
+ * - Stream configuration: a channel key other than ((channel - 1) << 8) &
+ *   0xFFFF for a channel 0 to 15 is EINVAL. The answer does not depend on
+ *   which node the descriptor was opened on.
+ * - A null record is EFAULT (except for modify, where it asks for a
+ *   refresh); a command number the driver does not know is ENOTTY.
+ */
+#ifndef CAMSIM_H
+#define CAMSIM_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "cam_ioctl.h" /* the driver records; includes zantrel.h */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define CAMSIM_API __attribute__((visibility("default")))
+#else
+#define CAMSIM_API
+#endif
+
+/* The shared-memory object that holds the driver state and its buffers. */
+#define CAMSIM_STATE_NAME "/camsim_state"
+
+#define CAMSIM_MAX_OVERLAYS 64
+#define CAMSIM_MAX_BUFFERS 4
+#define CAMSIM_SOURCE_SLOTS 8
+#define CAMSIM_NBR_CHANNELS 16
+#define CAMSIM_PALETTE_ENTRIES 16
+#define CAMSIM_ARENA_BYTES (128u * 1024u * 1024u)
+#define CAMSIM_DEFAULT_WIDTH 1920
+#define CAMSIM_DEFAULT_HEIGHT 1080
+
+/* The driver commands, for counters, faults and stalls. */
+typedef enum camsim_command {
+  CAMSIM_CREATE_OVERLAY = 0,
+  CAMSIM_MODIFY_OVERLAY,
+  CAMSIM_GET_OVERLAY,
+  CAMSIM_SUBMIT_BUFFER,
+  CAMSIM_GET_BUFFER,
+  CAMSIM_DESTROY_OVERLAY,
+  CAMSIM_SOURCE_PARAMS,
+  CAMSIM_SET_PALETTE_COLOR,
+  CAMSIM_GET_STREAM_CONFIG,
+  CAMSIM_RETURN_STREAM_CONFIG,
+  CAMSIM_UNKNOWN_COMMAND, /* every other request on a node descriptor */
+  CAMSIM_NBR_COMMANDS
+} camsim_command;
+
+/* What the driver holds about one live overlay. */
+typedef struct camsim_overlay_info {
+  internal_overlay record; /* as received, with id and buffer_size filled in
+                              and the position of the last modify */
+  uint32_t buffer_offsets[CAMSIM_MAX_BUFFERS]; /* mapping offsets; 0 unused */
+  int32_t shown;          /* index of the shown buffer, -1 when none */
+  uint32_t submit_count;  /* buffers submitted so far */
+  uint32_t last_param;    /* param of the last submission */
+  uint32_t in_source;     /* 1 while in the source list */
+} camsim_overlay_info;
+
+/* Results of camsim_read_shown_buffer besides a size. */
+#define CAMSIM_NO_OVERLAY (-1)
+#define CAMSIM_NOTHING_SHOWN (-2)
+
+/* Every function returns 0 (or a count) on success and -1 with errno set
+ * when the state cannot be reached or an argument is out of range. */
+
+/* All overlays gone, the buffer arena empty, counters, faults and stalls
+ * cleared, both palette banks zero and unwritten, every channel at the
+ * default resolution, "/dev/galcore" present, ids starting again at 1. */
+CAMSIM_API int camsim_reset(void);
+
+/* Number of live overlays. */
+CAMSIM_API int camsim_live_count(void);
+
+/* Ids of the live overlays, lowest first; returns how many there are (at
+ * most `capacity` are stored). */
+CAMSIM_API int camsim_live_ids(uint32_t *ids, int capacity);
+
+/* The record of a live overlay; -1 with ENOENT for an unknown id. */
+CAMSIM_API int camsim_get_overlay(uint32_t id, internal_overlay *out);
+CAMSIM_API int camsim_get_overlay_info(uint32_t id, camsim_overlay_info *out);
+
+/* Copies at most `capacity` bytes of the overlay's shown buffer to `dst`
+ * and returns the buffer's full size; CAMSIM_NO_OVERLAY for an unknown id,
+ * CAMSIM_NOTHING_SHOWN when no buffer was submitted yet. */
+CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void *dst, size_t capacity);
+
+/* Calls of a command since the last reset, refused ones included. */
+CAMSIM_API long camsim_call_count(camsim_command command);
+/* Sum of camsim_call_count over every command. */
+CAMSIM_API long camsim_total_calls(void);
+/* Refreshes asked for (modify with a null argument). */
+CAMSIM_API long camsim_refresh_count(void);
+/* Node opens since the last reset. */
+CAMSIM_API long camsim_open_count(void);
+
+/* The next `count` calls of `command`, from any process, fail with `error`
+ * (a positive errno value) before the driver looks at them. A count of 0
+ * clears the fault. */
+CAMSIM_API int camsim_inject_fault(camsim_command command, int count, int error);
+
+/* The next call of `command` (create, destroy or submit only) stops half
+ * done, holding the driver lock, until its process is killed. For tests of
+ * a client that dies in the middle of a command. */
+CAMSIM_API int camsim_inject_stall(camsim_command command);
+/* Number of callers stopped by a stall right now; reads without the lock. */
+CAMSIM_API int camsim_stalled_count(void);
+
+/* The 16 entries of a palette bank (0 or 1) as the set palette colour
+ * command received them; `written[i]` is 1 when entry i was set since the
+ * last reset. Either output may be null. */
+CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color *entries,
+                                   uint8_t written[CAMSIM_PALETTE_ENTRIES]);
+
+/* The maximum resolution that the stream configuration of a channel (0 to
+ * 15) reports. */
+CAMSIM_API int camsim_set_resolution(unsigned int channel, uint32_t width, uint32_t height);
+
+/* Whether "/dev/galcore" exists for access(). */
+CAMSIM_API int camsim_set_galcore(int present);
+
+/*
+ * Draws the 8 overlay ids of an encode request (its words 1 to 8) over a
+ * test picture of width x height pixels and writes it as a PNG file.
+ *
+ * The test picture is a checkerboard of 16 x 16 squares, 0xFF404040 where
+ * (x / 16 + y / 16) is even and 0xFF606060 elsewhere. Place 7 is drawn
+ * first and place 0 last, so place 0 is on top; id 0 is an empty place; an
+ * id that is not live, or an overlay with nothing shown, draws nothing.
+ * An overlay stands at (x, y) of its record, in pixels, or in 1/16384 of the
+ * picture's width and height when coord_type is 2, and shows only its top
+ * left visible_width x visible_height pixels. Its shown buffer is read by
+ * internal type:
+ * - 5, 4-bit dual: the first w*h/2 bytes hold the 4-bit palette indices,
+ *   pixels in row order, pixel 0 in the low nibble of byte 0; the second half
+ *   (the same image with the nibbles of each byte swapped) is not read. The
+ *   indices go through the overlay's palette bank, whose Y/Cb/Cr/alpha
+ *   entries are turned back into RGB (full-range BT.601).
+ * - 8, Y/chroma/alpha planes, N = w*h, rows of w bytes in every plane: luma
+ *   (N bytes), chroma plane A (N/2 bytes: for each 2 x 2 block one (Cr, Cb)
+ *   pair, pair j of image row y at byte 2j of chroma row y/2), chroma plane
+ *   B (N/2 bytes, the same pairs as (Cb, Cr), not read), alpha (N bytes).
+ * - 4, ARGB32: one native-endian 32-bit word a pixel, not premultiplied.
+ * - 6, 1 bit a pixel, rows padded to whole bytes, the leftmost pixel of a
+ *   byte in its least significant bit: clear bits take palette_colors[0],
+ *   set bits palette_colors[1], both ARGB.
+ * - any other type: a marked box (outline and both diagonals, 0xFFFF00FF)
+ *   of the visible size.
+ * Returns the number of overlays drawn, or -1 with errno set.
+ */
+CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height,
+                              const char *png_path);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* CAMSIM_H */

@@ -1,0 +1,167 @@
+// The C library entry points that the simulator takes over. Each one looks
+// at the path or descriptor, answers the simulator's own, and hands every
+// other call to the next definition in the search order unchanged.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+
+#include "driver.h"
+#include "state.h"
+
+namespace {
+
+template <typename Fn>
+Fn next_definition(std::atomic<Fn> &cache, const char *name) {
+  Fn fn = cache.load(std::memory_order_acquire);
+  if (fn == nullptr) {
+    fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+    cache.store(fn, std::memory_order_release);
+  }
+  return fn;
+}
+
+#define CAMSIM_NEXT(name, type)                     \
+  ([]() {                                           \
+    static std::atomic<type> cache{nullptr};        \
+    return next_definition<type>(cache, #name);     \
+  }())
+
+using open_fn = int (*)(const char *, int, ...);
+using openat_fn = int (*)(int, const char *, int, ...);
+using open2_fn = int (*)(const char *, int);
+using openat2_fn = int (*)(int, const char *, int);
+using ioctl_fn = int (*)(int, unsigned long, ...);
+using access_fn = int (*)(const char *, int);
+
+// The mode argument exists only when the flags ask for one.
+bool takes_mode(int flags) {
+  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+int missing(void) {
+  errno = ENOSYS;
+  return -1;
+}
+
+}  // namespace
+
+#define CAMSIM_INTERPOSED extern "C" __attribute__((visibility("default")))
+
+CAMSIM_INTERPOSED int open(const char *path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list ap;
+    va_start(ap, flags);
+    mode = static_cast<mode_t>(va_arg(ap, int));
+    va_end(ap);
+  }
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(open, open_fn);
+  return next != nullptr ? next(path, flags, mode) : missing();
+}
+
+CAMSIM_INTERPOSED int open64(const char *path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list ap;
+    va_start(ap, flags);
+    mode = static_cast<mode_t>(va_arg(ap, int));
+    va_end(ap);
+  }
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(open64, open_fn);
+  return next != nullptr ? next(path, flags, mode) : missing();
+}
+
+CAMSIM_INTERPOSED int openat(int dirfd, const char *path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list ap;
+    va_start(ap, flags);
+    mode = static_cast<mode_t>(va_arg(ap, int));
+    va_end(ap);
+  }
+  // Absolute paths ignore dirfd, so only they can name a node.
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(openat, openat_fn);
+  return next != nullptr ? next(dirfd, path, flags, mode) : missing();
+}
+
+CAMSIM_INTERPOSED int openat64(int dirfd, const char *path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list ap;
+    va_start(ap, flags);
+    mode = static_cast<mode_t>(va_arg(ap, int));
+    va_end(ap);
+  }
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(openat64, openat_fn);
+  return next != nullptr ? next(dirfd, path, flags, mode) : missing();
+}
+
+// The fortified variants that _FORTIFY_SOURCE builds call instead.
+CAMSIM_INTERPOSED int __open_2(const char *path, int flags) {
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(__open_2, open2_fn);
+  return next != nullptr ? next(path, flags) : missing();
+}
+
+CAMSIM_INTERPOSED int __open64_2(const char *path, int flags) {
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(__open64_2, open2_fn);
+  return next != nullptr ? next(path, flags) : missing();
+}
+
+CAMSIM_INTERPOSED int __openat_2(int dirfd, const char *path, int flags) {
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(__openat_2, openat2_fn);
+  return next != nullptr ? next(dirfd, path, flags) : missing();
+}
+
+CAMSIM_INTERPOSED int __openat64_2(int dirfd, const char *path, int flags) {
+  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  auto next = CAMSIM_NEXT(__openat64_2, openat2_fn);
+  return next != nullptr ? next(dirfd, path, flags) : missing();
+}
+
+CAMSIM_INTERPOSED int ioctl(int fd, unsigned long request, ...) noexcept {
+  va_list ap;
+  va_start(ap, request);
+  void *arg = va_arg(ap, void *);
+  va_end(ap);
+  // The descriptor's file says whether it is ours, so descriptors that were
+  // dup'ed, inherited over fork or passed over exec are recognised too.
+  if (camsim::is_state_descriptor(fd)) {
+    const camsim::Attachment *a = camsim::attach_existing();
+    const int rc = a != nullptr ? camsim::run_command(*a, request, arg) : -EIO;
+    if (rc >= 0) return rc;
+    errno = -rc;
+    return -1;
+  }
+  auto next = CAMSIM_NEXT(ioctl, ioctl_fn);
+  return next != nullptr ? next(fd, request, arg) : missing();
+}
+
+CAMSIM_INTERPOSED int access(const char *path, int mode) noexcept {
+  if (camsim::is_gpu_path(path)) {
+    const camsim::Attachment *a = camsim::attach();
+    if (a == nullptr) return -1;
+    std::uint32_t present = 0;
+    {
+      camsim::Lock lock(*a);
+      present = lock.held() ? a->state->galcore : 0;
+    }
+    if (present != 0) return 0;
+    errno = ENOENT;
+    return -1;
+  }
+  if (camsim::is_node_path(path)) return 0;
+  auto next = CAMSIM_NEXT(access, access_fn);
+  return next != nullptr ? next(path, mode) : missing();
+}
