@@ -180,11 +180,9 @@ ZANTREL_API int32_t o_get_overlay_internal_type(overlay_format format);
 ZANTREL_API int32_t o_get_nbr_internal_slots(overlay_format format);
 ZANTREL_API int32_t o_calculate_overlay_size(uint32_t width, uint32_t height,
                                              overlay_format format);
-ZANTREL_API void o_set_standard_palette(internal_overlay *out, const overlay *in);
-ZANTREL_API int o_calculate_overlay_position(internal_overlay *rec,
-                                             const overlay_position *pos,
-                                             uint32_t content_width,
-                                             uint32_t content_height);
+ZANTREL_API void o_set_standard_palette(internal_overlay* out, const overlay* in);
+ZANTREL_API int o_calculate_overlay_position(internal_overlay* rec, const overlay_position* pos,
+                                             uint32_t content_width, uint32_t content_height);
 
 /* ------------------------------------------------------------------------ */
 /* Palette                                                                  */
@@ -197,7 +195,7 @@ ZANTREL_API extern const uint32_t static_palette[OVERLAY_PALETTE_SIZE];
 ZANTREL_API extern const int32_t rgb2ycbcr[9];
 
 ZANTREL_API int palette_set_default(int fd);
-ZANTREL_API int palette_get_default(const uint32_t **colors, int *first);
+ZANTREL_API int palette_get_default(const uint32_t** colors, int* first);
 ZANTREL_API int palette_set_color_argb(int fd, uint32_t argb, int index, int flag);
 ZANTREL_API int32_t palette_get_color(int index);
 ZANTREL_API int palette_get_color_index(overlay_color color);
@@ -210,72 +208,68 @@ ZANTREL_API int overlay_table_init(void);
 ZANTREL_API int overlay_table_deinit(void);
 ZANTREL_API int overlay_table_exists(void);
 /* Returns MAP_FAILED when the table cannot be mapped. */
-ZANTREL_API overlay_table *overlay_table_map(void);
-ZANTREL_API int overlay_table_unmap(overlay_table *table);
-ZANTREL_API int overlay_table_lock(overlay_table *table);
-ZANTREL_API int overlay_table_try_lock(overlay_table *table);
-ZANTREL_API int overlay_table_unlock(overlay_table *table);
+ZANTREL_API overlay_table* overlay_table_map(void);
+ZANTREL_API int overlay_table_unmap(overlay_table* table);
+ZANTREL_API int overlay_table_lock(overlay_table* table);
+ZANTREL_API int overlay_table_try_lock(overlay_table* table);
+ZANTREL_API int overlay_table_unlock(overlay_table* table);
 
 /* ------------------------------------------------------------------------ */
 /* Shared table: entries and membership (caller holds the table lock)       */
 /* ------------------------------------------------------------------------ */
 
-ZANTREL_API int overlay_table_create_overlay(overlay_table *table,
-                                             const overlay_entry_data *data);
-ZANTREL_API int overlay_table_destroy_overlay(overlay_table *table, int handle);
-ZANTREL_API overlay_table_entry *overlay_table_get_entry(overlay_table *table, int handle);
-ZANTREL_API int overlay_table_update_overlay(overlay_table *table, int handle,
-                                             const overlay_entry_data *data,
-                                             int *replaced_kernel_id);
-ZANTREL_API int overlay_table_find_handle_by_kernel_id(overlay_table *table, int kernel_id);
-ZANTREL_API int overlay_table_add_overlay_globally(overlay_table *table, int handle);
-ZANTREL_API int overlay_table_remove_overlay_globally(overlay_table *table, int handle);
-ZANTREL_API int overlay_table_add_overlay_to_source(overlay_table *table, int handle);
-ZANTREL_API int overlay_table_remove_overlay_from_source(overlay_table *table, int handle);
-ZANTREL_API int overlay_table_add_overlay_to_channel(overlay_table *table, int handle,
+ZANTREL_API int overlay_table_create_overlay(overlay_table* table, const overlay_entry_data* data);
+ZANTREL_API int overlay_table_destroy_overlay(overlay_table* table, int handle);
+ZANTREL_API overlay_table_entry* overlay_table_get_entry(overlay_table* table, int handle);
+ZANTREL_API int overlay_table_update_overlay(overlay_table* table, int handle,
+                                             const overlay_entry_data* data,
+                                             int* replaced_kernel_id);
+ZANTREL_API int overlay_table_find_handle_by_kernel_id(overlay_table* table, int kernel_id);
+ZANTREL_API int overlay_table_add_overlay_globally(overlay_table* table, int handle);
+ZANTREL_API int overlay_table_remove_overlay_globally(overlay_table* table, int handle);
+ZANTREL_API int overlay_table_add_overlay_to_source(overlay_table* table, int handle);
+ZANTREL_API int overlay_table_remove_overlay_from_source(overlay_table* table, int handle);
+ZANTREL_API int overlay_table_add_overlay_to_channel(overlay_table* table, int handle,
                                                      unsigned int channel);
-ZANTREL_API int overlay_table_remove_overlay_from_channel(overlay_table *table, int handle,
+ZANTREL_API int overlay_table_remove_overlay_from_channel(overlay_table* table, int handle,
                                                           unsigned int channel);
 /* Refuses an index above 15 with -2. */
-ZANTREL_API int overlay_table_set_palette_color(overlay_table *table,
-                                                const overlay_palette_color *color,
+ZANTREL_API int overlay_table_set_palette_color(overlay_table* table,
+                                                const overlay_palette_color* color,
                                                 unsigned int index);
-ZANTREL_API int overlay_table_palette_get_all_colors(overlay_table *table,
-                                                     overlay_palette_color *colors);
-ZANTREL_API void overlay_print_table_entry(const overlay_table_entry *entry);
+ZANTREL_API int overlay_table_palette_get_all_colors(overlay_table* table,
+                                                     overlay_palette_color* colors);
+ZANTREL_API void overlay_print_table_entry(const overlay_table_entry* entry);
 
 /* ------------------------------------------------------------------------ */
 /* Shared table: stream tables and queries                                  */
 /* ------------------------------------------------------------------------ */
 
 /* Returns MAP_FAILED when the stream has no table. */
-ZANTREL_API overlay_stream_table *overlay_table_map_stream(int stream);
-ZANTREL_API int overlay_table_unmap_stream(overlay_stream_table *stream_table);
-ZANTREL_API int overlay_table_add_overlay_to_stream(overlay_table *table, int handle, int stream);
-ZANTREL_API int overlay_table_remove_overlay_from_stream(overlay_table *table, int handle,
+ZANTREL_API overlay_stream_table* overlay_table_map_stream(int stream);
+ZANTREL_API int overlay_table_unmap_stream(overlay_stream_table* stream_table);
+ZANTREL_API int overlay_table_add_overlay_to_stream(overlay_table* table, int handle, int stream);
+ZANTREL_API int overlay_table_remove_overlay_from_stream(overlay_table* table, int handle,
                                                          int stream);
-ZANTREL_API int overlay_table_get_stream_table_version(int stream, unsigned int *version);
+ZANTREL_API int overlay_table_get_stream_table_version(int stream, unsigned int* version);
 ZANTREL_API int overlay_table_remove_stream(int stream);
 /* Gathers at most 8 entries of the global, channel and stream sets that pass
  * the filter, by falling priority. A channel above 15 gives -4 with every
  * handle set to -6. */
-ZANTREL_API int overlay_table_get_entries(overlay_table *table,
-                                          overlay_stream_table *stream_table,
+ZANTREL_API int overlay_table_get_entries(overlay_table* table, overlay_stream_table* stream_table,
                                           overlay_table_entry entries[OVERLAY_SET_PLACES],
-                                          int32_t handles[OVERLAY_SET_PLACES],
-                                          unsigned int channel, int stream,
-                                          unsigned int filter);
-ZANTREL_API int overlay_table_get_source_entries(overlay_table *table,
-                                                 overlay_table_entry **entries,
-                                                 unsigned int count);
-ZANTREL_API int overlay_table_is_source_entry(overlay_table *table, int handle);
+                                          int32_t handles[OVERLAY_SET_PLACES], unsigned int channel,
+                                          int stream, unsigned int filter);
+ZANTREL_API int overlay_table_get_source_entries(overlay_table* table,
+                                                 overlay_table_entry** entries, unsigned int count);
+ZANTREL_API int overlay_table_is_source_entry(overlay_table* table, int handle);
 
 /* ------------------------------------------------------------------------ */
 /* Diagnostics                                                              */
 /* ------------------------------------------------------------------------ */
 
-ZANTREL_API void overlay_print_overlay(const overlay *ovl);
-ZANTREL_API void overlay_print_overlay_position(const overlay_position *position);
+ZANTREL_API void overlay_print_overlay(const overlay* ovl);
+ZANTREL_API void overlay_print_overlay_position(const overlay_position* position);
 ZANTREL_API void overlay_print_overlay_color(overlay_color color);
 
 #ifdef __cplusplus

@@ -18,8 +18,8 @@ constexpr float kNormalizedScale = 16384.0F;
 
 // Driver type of each format value 0 to 11; formats without one are never
 // handed to the driver.
-constexpr std::array<int32_t, 12> kInternalType = {1, 3, 2, 0, 5, kNoInternalType, kNoInternalType,
-                                                   4, 6, kNoInternalType, 7, 8};
+constexpr std::array<int32_t, 12> kInternalType = {
+    1, 3, 2, 0, 5, kNoInternalType, kNoInternalType, 4, 6, kNoInternalType, 7, 8};
 static_assert(kInternalType[OVERLAY_FORMAT_20BIT] == 7);
 static_assert(kInternalType[OVERLAY_FORMAT_YCBCR_ALPHA] == 8);
 static_assert(kInternalType[OVERLAY_FORMAT_PALETTE_8BIT] == kNoInternalType);

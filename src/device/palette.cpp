@@ -11,9 +11,8 @@
 extern "C" {
 
 const uint32_t static_palette[OVERLAY_PALETTE_SIZE] = {
-    0xFFFFFFFF, 0xFF000000, 0xFFFF0000, 0xFF494949, 0x49000000, 0x00000000,
-    0xB6B6B6B6, 0x6D6D6D6D, 0x24242424, 0xB6000000, 0xB6B60000, 0x49490000,
-    0xFFB6B6B6, 0xFFFFB6B6, 0xFFFF4949, 0x00000000,
+    0xFFFFFFFF, 0xFF000000, 0xFFFF0000, 0xFF494949, 0x49000000, 0x00000000, 0xB6B6B6B6, 0x6D6D6D6D,
+    0x24242424, 0xB6000000, 0xB6B60000, 0x49490000, 0xFFB6B6B6, 0xFFFFB6B6, 0xFFFF4949, 0x00000000,
 };
 
 const int32_t rgb2ycbcr[9] = {
@@ -41,7 +40,9 @@ constexpr int32_t rnd(int32_t coefficient, uint8_t component) {
   return static_cast<int32_t>(((product >> 15) + 1) >> 1);
 }
 
-constexpr uint8_t clamp_chroma(int32_t value) { return value > 255 ? 255 : static_cast<uint8_t>(value); }
+constexpr uint8_t clamp_chroma(int32_t value) {
+  return value > 255 ? 255 : static_cast<uint8_t>(value);
+}
 
 int send_color(int fd, const cam_palette_color& record) {
   cam_palette_color copy = record;
@@ -94,9 +95,8 @@ int palette_get_default(const uint32_t** colors, int* first) {
 
 int palette_set_color_argb(int fd, uint32_t argb, int index, int flag) {
   if (static_cast<unsigned>(index) >= OVERLAY_PALETTE_SIZE) {
-    zantrel::log_message(LOG_ERR,
-                         "libzantrel: Invalid index when setting palette, must be < 16. Was %d.\n",
-                         index);
+    zantrel::log_message(
+        LOG_ERR, "libzantrel: Invalid index when setting palette, must be < 16. Was %d.\n", index);
     return -1;
   }
   cam_palette_color record{};

@@ -48,7 +48,9 @@ class MutexAttr {
   ~MutexAttr() { destroy(); }
   [[nodiscard]] bool initialised() const { return initialised_; }
   pthread_mutexattr_t* get() { return &attr_; }
-  int destroy() { return std::exchange(initialised_, false) ? pthread_mutexattr_destroy(&attr_) : 0; }
+  int destroy() {
+    return std::exchange(initialised_, false) ? pthread_mutexattr_destroy(&attr_) : 0;
+  }
 
  private:
   pthread_mutexattr_t attr_{};
@@ -78,10 +80,9 @@ void fill_new_table(overlay_table* table) {
   palette_get_default(&colors, &first);
   for (int i = first; i < OVERLAY_PALETTE_SIZE; ++i) {
     uint32_t argb = colors[i];
-    table->palette_copy[i] = overlay_palette_color{static_cast<uint8_t>(argb >> 24),
-                                                   static_cast<uint8_t>(argb >> 16),
-                                                   static_cast<uint8_t>(argb >> 8),
-                                                   static_cast<uint8_t>(argb), 0};
+    table->palette_copy[i] =
+        overlay_palette_color{static_cast<uint8_t>(argb >> 24), static_cast<uint8_t>(argb >> 16),
+                              static_cast<uint8_t>(argb >> 8), static_cast<uint8_t>(argb), 0};
   }
   table->version = 0;
 }

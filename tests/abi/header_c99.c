@@ -6,17 +6,17 @@
 
 #include "zantrel.h"
 
-#define CHECK(cond)                                  \
-  do {                                               \
-    if (!(cond)) {                                   \
-      fprintf(stderr, "failed: %s\n", #cond);        \
-      failures++;                                    \
-    }                                                \
+#define CHECK(cond)                           \
+  do {                                        \
+    if (!(cond)) {                            \
+      fprintf(stderr, "failed: %s\n", #cond); \
+      failures++;                             \
+    }                                         \
   } while (0)
 
 int main(void) {
   int failures = 0;
-  const uint32_t *colors = NULL;
+  const uint32_t* colors = NULL;
   CHECK(sizeof(overlay) == 88);
   CHECK(offsetof(overlay, legacy) == 76);
   CHECK(sizeof(overlay_position) == 20);

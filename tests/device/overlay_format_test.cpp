@@ -139,8 +139,8 @@ INSTANTIATE_TEST_SUITE_P(
         PositionCase{"visible_height_negative", {0, 0, 1, -0.1F, 0}, 640, -2},
         PositionCase{"content_clipped_to_overlay", {0, 0, 0.5F, 0.5F, 0}, 700, 0, 0, 0, 320, 200},
         PositionCase{"nan_refused", {kNaN, 0, 1, 1, 0}, 640, -2},
-        PositionCase{"huge_pixels_saturate", {1e12F, 0, 1, 1, 0}, 640, 0, 0xFFFFFFFFU, 0, 640,
-                     400}),
+        PositionCase{
+            "huge_pixels_saturate", {1e12F, 0, 1, 1, 0}, 640, 0, 0xFFFFFFFFU, 0, 640, 400}),
     [](const testing::TestParamInfo<PositionCase>& info) { return info.param.name; });
 
 }  // namespace

@@ -68,9 +68,9 @@ struct Ycbcr {
 };
 
 TEST_F(PaletteTest, DefaultColoursConvert) {
-  const Ycbcr expected[] = {{0, 255, 129, 128, 255}, {1, 0, 128, 128, 255},
-                            {2, 76, 85, 255, 255},   {3, 73, 129, 128, 255},
-                            {4, 0, 128, 128, 73},    {10, 54, 97, 219, 182},
+  const Ycbcr expected[] = {{0, 255, 129, 128, 255},  {1, 0, 128, 128, 255},
+                            {2, 76, 85, 255, 255},    {3, 73, 129, 128, 255},
+                            {4, 0, 128, 128, 73},     {10, 54, 97, 219, 182},
                             {13, 204, 116, 165, 255}, {14, 127, 98, 219, 255}};
   for (const Ycbcr& e : expected) {
     cam_palette_color record{};
@@ -90,7 +90,8 @@ TEST_F(PaletteTest, ConversionStaysInRangeForEveryPrimaryMix) {
         cam_palette_color record{};
         zantrel::device::palette_argb_to_ycbcr(&record, 0xFF000000U | r << 16 | g << 8 | b);
         int y = (19595 * static_cast<int>(r) + 38470 * static_cast<int>(g) +
-                 7471 * static_cast<int>(b) + 32768) >> 16;
+                 7471 * static_cast<int>(b) + 32768) >>
+                16;
         EXPECT_NEAR(record.luma, y, 1) << r << "," << g << "," << b;
       }
     }
@@ -142,15 +143,16 @@ TEST_F(PaletteTest, SetColorRefusals) {
   for (int index : {16, -1, 1000}) {
     zantrel::test::clear_captured_logs();
     EXPECT_EQ(palette_set_color_argb(kFakeDevice, 0, index, 0), -1);
-    EXPECT_TRUE(logged_once(
-        LOG_ERR, "libzantrel: Invalid index when setting palette, must be < 16. Was " +
-                     std::to_string(index) + ".\n"));
+    EXPECT_TRUE(
+        logged_once(LOG_ERR, "libzantrel: Invalid index when setting palette, must be < 16. Was " +
+                                 std::to_string(index) + ".\n"));
   }
   EXPECT_TRUE(g_sent.empty());
 
   g_fail_errno = EINVAL;
   EXPECT_EQ(palette_set_color_argb(kFakeDevice, 0, 15, 0), -1);
-  EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: Could not set palette color at index 15, bank 1.\n"));
+  EXPECT_TRUE(
+      logged_once(LOG_ERR, "libzantrel: Could not set palette color at index 15, bank 1.\n"));
 }
 
 TEST_F(PaletteTest, ColourLookups) {

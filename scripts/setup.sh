@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project builds, tests and runs with, when
+# they are missing. Needs root (the project's machines run as root).
+set -euo pipefail
+
+packages=(
+  # Build
+  cmake ninja-build g++ pkg-config binutils
+  # Tests, benchmarks and the format check
+  libgtest-dev libgmock-dev libbenchmark-dev clang-format
+  # The simulated driver writes its pictures as PNG
+  libcairo2-dev
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$package")
+  fi
+done
+
+if ((${#missing[@]} > 0)); then
+  echo "setup: installing ${missing[*]}"
+  if [[ $(id -u) -ne 0 ]]; then
+    echo "setup: run as root to install packages" >&2
+    exit 1
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
