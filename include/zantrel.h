@@ -172,6 +172,91 @@ typedef struct overlay_stream_table {
   int8_t handles[OVERLAY_SET_PLACES];
 } overlay_stream_table;
 
+/* The device's fixed capabilities (17 words). */
+typedef struct overlay_caps {
+  uint32_t max_slots;       /* request positions per stream */
+  uint32_t slots_plain;     /* positions one plain overlay takes */
+  uint32_t slots_text;      /* ... one text or modifiable text overlay */
+  uint32_t slots_image;     /* ... one image or scalable image overlay */
+  uint32_t max_text_length; /* bytes of a text overlay's text buffer */
+  uint32_t max_font_size;
+  uint32_t formats[11]; /* supported overlay_format values, then 0xFFFFFFFF */
+} overlay_caps;
+
+/* The part of the encoder's per-frame request that the library uses. */
+typedef struct overlay_encreq {
+  uint32_t reserved;
+  uint32_t overlay_ids[8]; /* kernel overlay ids, 0 for an empty position */
+  uint32_t version;        /* the stream context version the ids come from */
+} overlay_encreq;
+
+/* ------------------------------------------------------------------------ */
+/* Library lifecycle and device handle                                      */
+/* ------------------------------------------------------------------------ */
+
+/* Owner: opens the device (fd 0) or takes the caller's, makes the tables
+ * afresh and loads the default palette. Returns the descriptor in use. */
+ZANTREL_API int overlay_init(int fd);
+/* Any other process: requires the main table. Returns the descriptor. */
+ZANTREL_API int overlay_attach(int fd);
+ZANTREL_API int overlay_deinit(void);
+ZANTREL_API int overlay_detach(void);
+ZANTREL_API int o_get_fd(void);
+ZANTREL_API void overlay_get_max_resolution(unsigned int channel, uint32_t* width,
+                                            uint32_t* height);
+ZANTREL_API void overlay_get_caps(overlay_caps* caps);
+ZANTREL_API const char* overlay_get_supported_gl_versions(void);
+ZANTREL_API int overlay_set_pixelation_size(int handle, uint32_t size);
+
+/* ------------------------------------------------------------------------ */
+/* Overlay operations                                                       */
+/* ------------------------------------------------------------------------ */
+
+ZANTREL_API int overlay_create(overlay* ovl);
+ZANTREL_API int overlay_destroy(int handle);
+ZANTREL_API int overlay_update(int handle, const overlay* ovl);
+ZANTREL_API int overlay_get_buffer(int handle, int32_t* offset);
+ZANTREL_API int overlay_submit_buffer(int handle, int32_t offset, uint32_t param);
+ZANTREL_API int overlay_find(const char* tag);
+ZANTREL_API int overlay_add_globally(int handle);
+ZANTREL_API int overlay_remove_globally(int handle);
+ZANTREL_API int overlay_add_to_source(int fd, int handle);
+ZANTREL_API int overlay_remove_from_source(int fd, int handle);
+ZANTREL_API int overlay_add_to_channel(int handle, unsigned int channel);
+ZANTREL_API int overlay_remove_from_channel(int handle, unsigned int channel);
+ZANTREL_API int overlay_add_to_stream(int handle, int unused, int stream);
+ZANTREL_API int overlay_remove_from_stream(int handle, int unused, int stream);
+ZANTREL_API int overlay_clear_stream(int unused, int stream);
+ZANTREL_API int overlay_palette_set_color(const overlay_palette_color* color, unsigned int index);
+/* Stores a malloc'ed copy of the 16 shared colours; the caller frees it. */
+ZANTREL_API int overlay_palette_get_all_colors(overlay_palette_color** colors, int32_t* count);
+ZANTREL_API int utils_compare_overlay_position(const overlay_position* a,
+                                               const overlay_position* b);
+
+/* ------------------------------------------------------------------------ */
+/* Device commands                                                          */
+/* ------------------------------------------------------------------------ */
+
+ZANTREL_API int o_open_fd(void);
+ZANTREL_API int o_close_fd(int fd);
+ZANTREL_API int o_create_overlay(int fd, overlay* ovl, int* id, const overlay_entry_data* data);
+ZANTREL_API int o_destroy_overlay(int fd, int id);
+ZANTREL_API int o_set_overlay_position(int fd, int id, const overlay_entry_data* data);
+ZANTREL_API int o_get_overlay_buffer(int fd, int id);
+ZANTREL_API int o_submit_overlay_buffer(int fd, int id, int32_t offset, uint32_t param);
+ZANTREL_API int o_add_source_overlay(int fd, int id);
+ZANTREL_API int o_remove_source_overlay(int fd, int id);
+ZANTREL_API int o_force_refresh_overlays(int fd);
+ZANTREL_API void o_get_overlay_caps(overlay_caps* caps);
+ZANTREL_API void o_get_max_resolution(unsigned int channel, uint32_t* width, uint32_t* height);
+ZANTREL_API const char* o_get_supported_gl_versions(void);
+ZANTREL_API int o_get_overlay_by_tag(int fd, const char* tag);
+ZANTREL_API int o_overlay_set_pixelation_size(int handle, uint32_t size);
+ZANTREL_API uint32_t o_encode_get_version(const overlay_encreq* request);
+ZANTREL_API void o_encode_set_version(overlay_encreq* request, uint32_t version);
+ZANTREL_API int o_encode_set_overlay_id(overlay_encreq* request, int index, uint32_t id);
+ZANTREL_API uint32_t o_encode_get_overlay_id(const overlay_encreq* request, int index);
+
 /* ------------------------------------------------------------------------ */
 /* Overlay records and formats                                              */
 /* ------------------------------------------------------------------------ */

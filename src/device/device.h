@@ -51,6 +51,10 @@ static_assert(sizeof(cam_source_params) == 20);
 static_assert(sizeof(cam_stream_config) == 436);
 static_assert(offsetof(cam_stream_config, max_width) == 48);
 static_assert(offsetof(cam_stream_config, max_height) == 52);
+static_assert(sizeof(overlay_caps) == 17 * 4);
+static_assert(sizeof(overlay_encreq) == 40);
+static_assert(offsetof(overlay_encreq, overlay_ids) == 4);
+static_assert(offsetof(overlay_encreq, version) == 36);
 // The command numbers carry their record sizes (bits 16 to 29).
 static_assert(((CAM_IOC_CREATE_OVERLAY >> 16) & 0x3FFF) == sizeof(internal_overlay));
 static_assert(((CAM_IOC_SUBMIT_BUFFER >> 16) & 0x3FFF) == sizeof(cam_buffer_submit));

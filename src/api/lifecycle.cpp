@@ -1,0 +1,118 @@
+// Binding a process to the camera device and the shared tables: the owner
+// with overlay_init / overlay_deinit, every other process with
+// overlay_attach / overlay_detach.
+#include "common/log.h"
+#include "zantrel.h"
+
+namespace zantrel::api {
+namespace {
+
+// Written only by the bind and unbind calls, which belong to a process's
+// start-up and shutdown; read from any thread in between.
+struct LibraryState {
+  int device_fd = 0;  // 0: not bound
+  bool fd_from_caller = false;
+};
+
+LibraryState g_state;
+
+// Takes the caller's descriptor or opens the device; -2 or -1 on failure.
+int bind(int fd) {
+  if (fd < 0) {
+    return -2;
+  }
+  if (fd > 0) {
+    g_state = {fd, true};
+    return 0;
+  }
+  int own = o_open_fd();
+  if (own < 0) {
+    g_state = {};
+    return -1;
+  }
+  g_state = {own, false};
+  return 0;
+}
+
+// A failed bind gives back a descriptor the library opened itself.
+void unbind_after_failure() {
+  if (!g_state.fd_from_caller) {
+    o_close_fd(g_state.device_fd);
+    g_state = {};
+  }
+}
+
+// Closes the library's own descriptor; -1 (state kept) when closing fails.
+int unbind() {
+  if (g_state.fd_from_caller || g_state.device_fd == 0) {
+    g_state = {};
+    return 0;
+  }
+  if (o_close_fd(g_state.device_fd) != 0) {
+    return -1;
+  }
+  g_state = {};
+  return 0;
+}
+
+}  // namespace
+}  // namespace zantrel::api
+
+using zantrel::api::g_state;
+
+extern "C" {
+
+int overlay_init(int fd) {
+  if (g_state.device_fd != 0) {
+    zantrel::log_message(LOG_WARNING, "libzantrel: Warning, reinitalizing overlay library.\n");
+  }
+  if (int rc = zantrel::api::bind(fd); rc < 0) {
+    return rc;
+  }
+  if (overlay_table_init() != 0) {
+    zantrel::api::unbind_after_failure();
+    return -1;
+  }
+  palette_set_default(g_state.device_fd);
+  return g_state.device_fd;
+}
+
+int overlay_attach(int fd) {
+  if (int rc = zantrel::api::bind(fd); rc < 0) {
+    return rc;
+  }
+  if (overlay_table_exists() == 0) {
+    zantrel::api::unbind_after_failure();
+    return -1;
+  }
+  return g_state.device_fd;
+}
+
+int overlay_deinit() {
+  if (zantrel::api::unbind() != 0) {
+    return -1;
+  }
+  return overlay_table_deinit();
+}
+
+int overlay_detach() { return zantrel::api::unbind(); }
+
+int o_get_fd() { return g_state.device_fd; }
+
+void overlay_get_max_resolution(unsigned channel, uint32_t* width, uint32_t* height) {
+  if (width == nullptr || height == nullptr) {
+    zantrel::log_message(LOG_ERR, "libzantrel: Must provide valid pointers as input\n");
+    return;
+  }
+  o_get_max_resolution(channel, width, height);
+}
+
+void overlay_get_caps(overlay_caps* caps) { o_get_overlay_caps(caps); }
+
+const char* overlay_get_supported_gl_versions() { return o_get_supported_gl_versions(); }
+
+int overlay_set_pixelation_size(int handle, uint32_t size) {
+  return o_overlay_set_pixelation_size(handle, size);
+}
+
+}  // extern "C"
