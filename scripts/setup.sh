@@ -10,6 +10,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang-format
   # The simulated driver writes its pictures as PNG
   libcairo2-dev
+  # zantrelctl's JSON output
+  nlohmann-json3-dev
 )
 
 missing=()

@@ -1,0 +1,38 @@
+// zantrelctl: looks at the overlay library's shared state.
+//   zantrelctl show [--json]
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "snapshot.h"
+
+namespace {
+
+int usage() {
+  std::fputs("usage: zantrelctl show [--json]\n", stderr);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || std::strcmp(argv[1], "show") != 0 || argc > 3) {
+    return usage();
+  }
+  bool json = argc == 3 && std::strcmp(argv[2], "--json") == 0;
+  if (argc == 3 && !json) {
+    return usage();
+  }
+  std::optional<zantrelctl::Snapshot> snapshot = zantrelctl::take_snapshot();
+  if (!snapshot) {
+    std::fputs(
+        "zantrelctl: no overlay table: the overlay library is not initialised "
+        "(/dev/shm/ovl_table)\n",
+        stderr);
+    return 1;
+  }
+  std::string text =
+      json ? zantrelctl::to_json(*snapshot).dump(2) + "\n" : zantrelctl::to_text(*snapshot);
+  std::fputs(text.c_str(), stdout);
+  return 0;
+}
