@@ -52,6 +52,17 @@ inline std::vector<int> set_of(std::initializer_list<int> handles,
   return out;
 }
 
+// The set of a stream table as handles; empty when the stream has no table.
+inline std::vector<int> read_stream(int stream) {
+  overlay_stream_table* stream_table = overlay_table_map_stream(stream);
+  if (stream_table == MAP_FAILED) {
+    return set_of({});
+  }
+  std::vector<int> out = handles_of(stream_table->handles);
+  overlay_table_unmap_stream(stream_table);
+  return out;
+}
+
 inline bool shm_file_exists(const char* name) {
   std::string path = std::string("/dev/shm") + name;
   return access(path.c_str(), F_OK) == 0;
