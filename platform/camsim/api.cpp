@@ -21,15 +21,13 @@ int fail(int error) {
   return -1;
 }
 
-bool valid_command(camsim_command c) {
-  return static_cast<int>(c) >= 0 && c < CAMSIM_NBR_COMMANDS;
-}
+bool valid_command(camsim_command c) { return static_cast<int>(c) >= 0 && c < CAMSIM_NBR_COMMANDS; }
 
 // Runs `fn(state)` under the driver lock; -1 with errno when the state
 // cannot be reached.
 template <typename Fn>
-long locked(Fn &&fn) {
-  const Attachment *a = camsim::attach();
+long locked(Fn&& fn) {
+  const Attachment* a = camsim::attach();
   if (a == nullptr) return -1;
   Lock lock(*a);
   if (!lock.held()) return -1;
@@ -41,25 +39,26 @@ long locked(Fn &&fn) {
 extern "C" {
 
 CAMSIM_API int camsim_reset(void) {
-  return static_cast<int>(locked([](const Attachment &a) {
+  return static_cast<int>(locked([](const Attachment& a) {
     camsim::reset_locked(a);
     return 0L;
   }));
 }
 
 CAMSIM_API int camsim_live_count(void) {
-  return static_cast<int>(locked([](const Attachment &a) {
-    return static_cast<long>(std::count_if(std::begin(a.state->overlays), std::end(a.state->overlays),
-                                           [](const camsim::OverlaySlot &o) { return o.live == 1; }));
+  return static_cast<int>(locked([](const Attachment& a) {
+    return static_cast<long>(
+        std::count_if(std::begin(a.state->overlays), std::end(a.state->overlays),
+                      [](const camsim::OverlaySlot& o) { return o.live == 1; }));
   }));
 }
 
-CAMSIM_API int camsim_live_ids(uint32_t *ids, int capacity) {
+CAMSIM_API int camsim_live_ids(uint32_t* ids, int capacity) {
   if (capacity < 0 || (ids == nullptr && capacity > 0)) return fail(EINVAL);
-  return static_cast<int>(locked([&](const Attachment &a) {
+  return static_cast<int>(locked([&](const Attachment& a) {
     uint32_t found[CAMSIM_MAX_OVERLAYS];
     int n = 0;
-    for (const auto &o : a.state->overlays)
+    for (const auto& o : a.state->overlays)
       if (o.live == 1) found[n++] = o.rec.id;
     std::sort(found, found + n);
     std::copy_n(found, std::min(n, capacity), ids);
@@ -67,10 +66,10 @@ CAMSIM_API int camsim_live_ids(uint32_t *ids, int capacity) {
   }));
 }
 
-CAMSIM_API int camsim_get_overlay_info(uint32_t id, camsim_overlay_info *out) {
+CAMSIM_API int camsim_get_overlay_info(uint32_t id, camsim_overlay_info* out) {
   if (out == nullptr) return fail(EINVAL);
-  return static_cast<int>(locked([&](const Attachment &a) {
-    const camsim::OverlaySlot *o = camsim::find_overlay(*a.state, id);
+  return static_cast<int>(locked([&](const Attachment& a) {
+    const camsim::OverlaySlot* o = camsim::find_overlay(*a.state, id);
     if (o == nullptr) return static_cast<long>(fail(ENOENT));
     *out = camsim_overlay_info{};
     out->record = o->rec;
@@ -84,7 +83,7 @@ CAMSIM_API int camsim_get_overlay_info(uint32_t id, camsim_overlay_info *out) {
   }));
 }
 
-CAMSIM_API int camsim_get_overlay(uint32_t id, internal_overlay *out) {
+CAMSIM_API int camsim_get_overlay(uint32_t id, internal_overlay* out) {
   if (out == nullptr) return fail(EINVAL);
   camsim_overlay_info info;
   if (camsim_get_overlay_info(id, &info) != 0) return -1;
@@ -92,12 +91,12 @@ CAMSIM_API int camsim_get_overlay(uint32_t id, internal_overlay *out) {
   return 0;
 }
 
-CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void *dst, size_t capacity) {
+CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void* dst, size_t capacity) {
   if (dst == nullptr && capacity > 0) return fail(EINVAL);
   uint32_t offset = 0;
   uint32_t size = 0;
-  const long found = locked([&](const Attachment &a) {
-    const camsim::OverlaySlot *o = camsim::find_overlay(*a.state, id);
+  const long found = locked([&](const Attachment& a) {
+    const camsim::OverlaySlot* o = camsim::find_overlay(*a.state, id);
     if (o == nullptr) return static_cast<long>(CAMSIM_NO_OVERLAY);
     if (o->shown < 0) return static_cast<long>(CAMSIM_NOTHING_SHOWN);
     offset = o->buffers[o->shown].offset;
@@ -110,7 +109,7 @@ CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void *dst, size_t capacity
   const size_t want = std::min<size_t>(capacity, size);
   size_t done = 0;
   while (done < want) {
-    const ssize_t n = pread(camsim::attach()->fd, static_cast<char *>(dst) + done, want - done,
+    const ssize_t n = pread(camsim::attach()->fd, static_cast<char*>(dst) + done, want - done,
                             static_cast<off_t>(offset + done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return -1;
@@ -121,11 +120,11 @@ CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void *dst, size_t capacity
 
 CAMSIM_API long camsim_call_count(camsim_command command) {
   if (!valid_command(command)) return fail(EINVAL);
-  return locked([&](const Attachment &a) { return static_cast<long>(a.state->calls[command]); });
+  return locked([&](const Attachment& a) { return static_cast<long>(a.state->calls[command]); });
 }
 
 CAMSIM_API long camsim_total_calls(void) {
-  return locked([](const Attachment &a) {
+  return locked([](const Attachment& a) {
     long total = 0;
     for (auto c : a.state->calls) total += static_cast<long>(c);
     return total;
@@ -133,18 +132,18 @@ CAMSIM_API long camsim_total_calls(void) {
 }
 
 CAMSIM_API long camsim_refresh_count(void) {
-  return locked([](const Attachment &a) { return static_cast<long>(a.state->refreshes); });
+  return locked([](const Attachment& a) { return static_cast<long>(a.state->refreshes); });
 }
 
 CAMSIM_API long camsim_open_count(void) {
-  return locked([](const Attachment &a) { return static_cast<long>(a.state->opens); });
+  return locked([](const Attachment& a) { return static_cast<long>(a.state->opens); });
 }
 
 CAMSIM_API int camsim_inject_fault(camsim_command command, int count, int error) {
   if (!valid_command(command) || command == CAMSIM_UNKNOWN_COMMAND || count < 0 ||
       (count > 0 && error <= 0))
     return fail(EINVAL);
-  return static_cast<int>(locked([&](const Attachment &a) {
+  return static_cast<int>(locked([&](const Attachment& a) {
     a.state->faults[command] = camsim::Fault{count, error};
     return 0L;
   }));
@@ -154,23 +153,24 @@ CAMSIM_API int camsim_inject_stall(camsim_command command) {
   if (command != CAMSIM_CREATE_OVERLAY && command != CAMSIM_DESTROY_OVERLAY &&
       command != CAMSIM_SUBMIT_BUFFER)
     return fail(EINVAL);
-  return static_cast<int>(locked([&](const Attachment &a) {
+  return static_cast<int>(locked([&](const Attachment& a) {
     a.state->stall_armed[command] = 1;
     return 0L;
   }));
 }
 
 CAMSIM_API int camsim_stalled_count(void) {
-  const Attachment *a = camsim::attach();
+  const Attachment* a = camsim::attach();
   if (a == nullptr) return -1;
   return static_cast<int>(std::atomic_ref<uint32_t>(a->state->stalled).load());
 }
 
-CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color *entries,
+CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color* entries,
                                    uint8_t written[CAMSIM_PALETTE_ENTRIES]) {
   if (bank > 1) return fail(EINVAL);
-  return static_cast<int>(locked([&](const Attachment &a) {
-    if (entries != nullptr) std::memcpy(entries, a.state->palette[bank], sizeof a.state->palette[bank]);
+  return static_cast<int>(locked([&](const Attachment& a) {
+    if (entries != nullptr)
+      std::memcpy(entries, a.state->palette[bank], sizeof a.state->palette[bank]);
     if (written != nullptr)
       std::memcpy(written, a.state->palette_written[bank], sizeof a.state->palette_written[bank]);
     return 0L;
@@ -179,7 +179,7 @@ CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color *entries
 
 CAMSIM_API int camsim_set_resolution(unsigned int channel, uint32_t width, uint32_t height) {
   if (channel >= CAMSIM_NBR_CHANNELS) return fail(EINVAL);
-  return static_cast<int>(locked([&](const Attachment &a) {
+  return static_cast<int>(locked([&](const Attachment& a) {
     a.state->resolution[channel][0] = width;
     a.state->resolution[channel][1] = height;
     return 0L;
@@ -187,7 +187,7 @@ CAMSIM_API int camsim_set_resolution(unsigned int channel, uint32_t width, uint3
 }
 
 CAMSIM_API int camsim_set_galcore(int present) {
-  return static_cast<int>(locked([&](const Attachment &a) {
+  return static_cast<int>(locked([&](const Attachment& a) {
     a.state->galcore = present != 0;
     return 0L;
   }));

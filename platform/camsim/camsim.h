@@ -83,13 +83,13 @@ typedef enum camsim_command {
 
 /* What the driver holds about one live overlay. */
 typedef struct camsim_overlay_info {
-  internal_overlay record; /* as received, with id and buffer_size filled in
-                              and the position of the last modify */
+  internal_overlay record;                     /* as received, with id and buffer_size filled in
+                                                  and the position of the last modify */
   uint32_t buffer_offsets[CAMSIM_MAX_BUFFERS]; /* mapping offsets; 0 unused */
-  int32_t shown;          /* index of the shown buffer, -1 when none */
-  uint32_t submit_count;  /* buffers submitted so far */
-  uint32_t last_param;    /* param of the last submission */
-  uint32_t in_source;     /* 1 while in the source list */
+  int32_t shown;                               /* index of the shown buffer, -1 when none */
+  uint32_t submit_count;                       /* buffers submitted so far */
+  uint32_t last_param;                         /* param of the last submission */
+  uint32_t in_source;                          /* 1 while in the source list */
 } camsim_overlay_info;
 
 /* Results of camsim_read_shown_buffer besides a size. */
@@ -109,16 +109,16 @@ CAMSIM_API int camsim_live_count(void);
 
 /* Ids of the live overlays, lowest first; returns how many there are (at
  * most `capacity` are stored). */
-CAMSIM_API int camsim_live_ids(uint32_t *ids, int capacity);
+CAMSIM_API int camsim_live_ids(uint32_t* ids, int capacity);
 
 /* The record of a live overlay; -1 with ENOENT for an unknown id. */
-CAMSIM_API int camsim_get_overlay(uint32_t id, internal_overlay *out);
-CAMSIM_API int camsim_get_overlay_info(uint32_t id, camsim_overlay_info *out);
+CAMSIM_API int camsim_get_overlay(uint32_t id, internal_overlay* out);
+CAMSIM_API int camsim_get_overlay_info(uint32_t id, camsim_overlay_info* out);
 
 /* Copies at most `capacity` bytes of the overlay's shown buffer to `dst`
  * and returns the buffer's full size; CAMSIM_NO_OVERLAY for an unknown id,
  * CAMSIM_NOTHING_SHOWN when no buffer was submitted yet. */
-CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void *dst, size_t capacity);
+CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void* dst, size_t capacity);
 
 /* Calls of a command since the last reset, refused ones included. */
 CAMSIM_API long camsim_call_count(camsim_command command);
@@ -144,7 +144,7 @@ CAMSIM_API int camsim_stalled_count(void);
 /* The 16 entries of a palette bank (0 or 1) as the set palette colour
  * command received them; `written[i]` is 1 when entry i was set since the
  * last reset. Either output may be null. */
-CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color *entries,
+CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color* entries,
                                    uint8_t written[CAMSIM_PALETTE_ENTRIES]);
 
 /* The maximum resolution that the stream configuration of a channel (0 to
@@ -183,8 +183,7 @@ CAMSIM_API int camsim_set_galcore(int present);
  *   of the visible size.
  * Returns the number of overlays drawn, or -1 with errno set.
  */
-CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height,
-                              const char *png_path);
+CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height, const char* png_path);
 
 #ifdef __cplusplus
 }

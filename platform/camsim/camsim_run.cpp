@@ -11,7 +11,7 @@
 
 namespace {
 
-bool readable(const std::string &path) { return !path.empty() && access(path.c_str(), R_OK) == 0; }
+bool readable(const std::string& path) { return !path.empty() && access(path.c_str(), R_OK) == 0; }
 
 std::string own_directory() {
   char buf[4096];
@@ -26,7 +26,7 @@ std::string own_directory() {
 // installation, else where the build put it.
 std::string find_library() {
   const std::string dir = own_directory();
-  for (const std::string &candidate :
+  for (const std::string& candidate :
        {dir + "/libcamsim.so", dir + "/../" CAMSIM_INSTALL_LIBDIR "/libcamsim.so",
         std::string(CAMSIM_BUILD_LIBRARY)})
     if (readable(candidate)) return candidate;
@@ -36,10 +36,10 @@ std::string find_library() {
 // A sanitizer runtime must come first in the search order. When the
 // launcher carries one, libcamsim.so from the same build needs it too, so it
 // is preloaded ahead of the simulator.
-int find_sanitizer_runtime(dl_phdr_info *info, std::size_t, void *data) {
-  const char *name = info->dlpi_name;
+int find_sanitizer_runtime(dl_phdr_info* info, std::size_t, void* data) {
+  const char* name = info->dlpi_name;
   if (name != nullptr && (std::strstr(name, "/libasan.so") || std::strstr(name, "/libtsan.so"))) {
-    *static_cast<std::string *>(data) = name;
+    *static_cast<std::string*>(data) = name;
     return 1;
   }
   return 0;
@@ -47,7 +47,7 @@ int find_sanitizer_runtime(dl_phdr_info *info, std::size_t, void *data) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   if (argc < 2) {
     std::fprintf(stderr, "usage: camsim-run PROGRAM [ARGS]\n");
     return 2;
@@ -61,7 +61,7 @@ int main(int argc, char **argv) {
   dl_iterate_phdr(find_sanitizer_runtime, &preload);
   if (!preload.empty()) preload += ':';
   preload += library;
-  if (const char *old = std::getenv("LD_PRELOAD"); old != nullptr && *old != '\0') {
+  if (const char* old = std::getenv("LD_PRELOAD"); old != nullptr && *old != '\0') {
     preload += ':';
     preload += old;
   }

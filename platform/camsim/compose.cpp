@@ -26,10 +26,10 @@ struct Snapshot {
 };
 
 struct SurfaceDeleter {
-  void operator()(cairo_surface_t *s) const { cairo_surface_destroy(s); }
+  void operator()(cairo_surface_t* s) const { cairo_surface_destroy(s); }
 };
 struct ContextDeleter {
-  void operator()(cairo_t *c) const { cairo_destroy(c); }
+  void operator()(cairo_t* c) const { cairo_destroy(c); }
 };
 using Surface = std::unique_ptr<cairo_surface_t, SurfaceDeleter>;
 using Context = std::unique_ptr<cairo_t, ContextDeleter>;
@@ -57,13 +57,13 @@ std::uint32_t premultiply(std::uint32_t argb) {
 }
 
 // The colour of pixel (x, y) of an overlay of a decodable type.
-std::uint32_t pixel_argb(const Snapshot &s, std::uint32_t x, std::uint32_t y) {
-  const std::uint8_t *p = s.pixels.data();
+std::uint32_t pixel_argb(const Snapshot& s, std::uint32_t x, std::uint32_t y) {
+  const std::uint8_t* p = s.pixels.data();
   const std::uint64_t w = s.rec.width, n = w * s.rec.height, i = y * w + x;
   switch (s.rec.type) {
     case 5: {  // first half: 4-bit indices, pixel 0 in the low nibble
       const std::uint8_t byte = p[i / 2];
-      const cam_palette_color &c = s.bank[(i & 1) != 0 ? byte >> 4 : byte & 0x0F];
+      const cam_palette_color& c = s.bank[(i & 1) != 0 ? byte >> 4 : byte & 0x0F];
       return ycbcr_to_argb(c.luma, c.cb, c.cr, c.alpha);
     }
     case 8: {
@@ -80,7 +80,8 @@ std::uint32_t pixel_argb(const Snapshot &s, std::uint32_t x, std::uint32_t y) {
       const bool set = (p[y * stride + x / 8] >> (x % 8)) & 1u;
       return s.rec.palette_colors[set ? 1 : 0];
     }
-    default: return 0;
+    default:
+      return 0;
   }
 }
 
@@ -97,18 +98,18 @@ bool marked_box_pixel(std::uint32_t x, std::uint32_t y, std::uint32_t w, std::ui
 }
 
 // The visible part of one overlay as a cairo surface.
-Surface draw_overlay(const Snapshot &s) {
+Surface draw_overlay(const Snapshot& s) {
   const std::uint32_t vw = std::min(s.rec.visible_width, s.rec.width);
   const std::uint32_t vh = std::min(s.rec.visible_height, s.rec.height);
-  Surface surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(vw),
-                                             static_cast<int>(vh)));
+  Surface surface(
+      cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(vw), static_cast<int>(vh)));
   if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
   cairo_surface_flush(surface.get());
-  unsigned char *data = cairo_image_surface_get_data(surface.get());
+  unsigned char* data = cairo_image_surface_get_data(surface.get());
   const int stride = cairo_image_surface_get_stride(surface.get());
   const bool decodable = s.rec.type == 4 || s.rec.type == 5 || s.rec.type == 6 || s.rec.type == 8;
   for (std::uint32_t y = 0; y < vh; ++y) {
-    auto *row = reinterpret_cast<std::uint32_t *>(data + static_cast<std::ptrdiff_t>(y) * stride);
+    auto* row = reinterpret_cast<std::uint32_t*>(data + static_cast<std::ptrdiff_t>(y) * stride);
     for (std::uint32_t x = 0; x < vw; ++x) {
       if (decodable)
         row[x] = premultiply(pixel_argb(s, x, y));
@@ -124,17 +125,18 @@ Surface test_picture(int width, int height) {
   Surface surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));
   if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
   cairo_surface_flush(surface.get());
-  unsigned char *data = cairo_image_surface_get_data(surface.get());
+  unsigned char* data = cairo_image_surface_get_data(surface.get());
   const int stride = cairo_image_surface_get_stride(surface.get());
   for (int y = 0; y < height; ++y) {
-    auto *row = reinterpret_cast<std::uint32_t *>(data + static_cast<std::ptrdiff_t>(y) * stride);
-    for (int x = 0; x < width; ++x) row[x] = ((x / 16 + y / 16) % 2 == 0) ? 0xFF404040u : 0xFF606060u;
+    auto* row = reinterpret_cast<std::uint32_t*>(data + static_cast<std::ptrdiff_t>(y) * stride);
+    for (int x = 0; x < width; ++x)
+      row[x] = ((x / 16 + y / 16) % 2 == 0) ? 0xFF404040u : 0xFF606060u;
   }
   cairo_surface_mark_dirty(surface.get());
   return surface;
 }
 
-bool read_pixels(int fd, Snapshot &s) {
+bool read_pixels(int fd, Snapshot& s) {
   s.pixels.resize(s.rec.buffer_size);
   std::size_t done = 0;
   while (done < s.pixels.size()) {
@@ -150,13 +152,13 @@ bool read_pixels(int fd, Snapshot &s) {
 }  // namespace
 
 extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height,
-                                         const char *png_path) {
+                                         const char* png_path) {
   if (ids == nullptr || png_path == nullptr || width <= 0 || height <= 0 || width > kMaxSide ||
       height > kMaxSide) {
     errno = EINVAL;
     return -1;
   }
-  const camsim::Attachment *a = camsim::attach();
+  const camsim::Attachment* a = camsim::attach();
   if (a == nullptr) return -1;
 
   // Take what is shown now under the lock; draw from the copies.
@@ -165,12 +167,13 @@ extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int h
     camsim::Lock lock(*a);
     if (!lock.held()) return -1;
     for (std::size_t place = 0; place < shown.size(); ++place) {
-      const camsim::OverlaySlot *o = camsim::find_overlay(*a->state, ids[place]);
+      const camsim::OverlaySlot* o = camsim::find_overlay(*a->state, ids[place]);
       if (o == nullptr || o->shown < 0) continue;
       auto s = std::make_unique<Snapshot>();
       s->rec = o->rec;
       s->offset = o->buffers[o->shown].offset;
-      std::copy_n(a->state->palette[o->rec.palette_bank & 1], CAMSIM_PALETTE_ENTRIES, s->bank.begin());
+      std::copy_n(a->state->palette[o->rec.palette_bank & 1], CAMSIM_PALETTE_ENTRIES,
+                  s->bank.begin());
       shown[place] = std::move(s);
     }
   }
@@ -183,7 +186,7 @@ extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int h
   Context cr(cairo_create(frame.get()));
   int drawn = 0;
   for (std::size_t place = shown.size(); place-- > 0;) {  // place 0 ends on top
-    Snapshot *s = shown[place].get();
+    Snapshot* s = shown[place].get();
     if (s == nullptr || !read_pixels(a->fd, *s)) continue;
     Surface ovl = draw_overlay(*s);
     if (ovl == nullptr) continue;

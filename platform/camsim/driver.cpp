@@ -16,21 +16,21 @@ constexpr std::uint32_t kNormalizedMax = 16384;
 
 // Stops the calling client half way through a command, holding the lock,
 // when a test armed a stall for it. Only a kill ends it.
-void stall_point(SharedState &s, camsim_command cmd) {
+void stall_point(SharedState& s, camsim_command cmd) {
   if (s.stall_armed[cmd] == 0) return;
   s.stall_armed[cmd] = 0;
   std::atomic_ref<std::uint32_t>(s.stalled).fetch_add(1);
   for (;;) pause();
 }
 
-bool position_valid(const internal_overlay &r, std::uint32_t width, std::uint32_t height) {
+bool position_valid(const internal_overlay& r, std::uint32_t width, std::uint32_t height) {
   if (r.visible_width > width || r.visible_height > height) return false;
   if (r.coord_type == OVERLAY_COORDS_NORMALIZED && (r.x > kNormalizedMax || r.y > kNormalizedMax))
     return false;
   return true;
 }
 
-std::uint32_t new_id(SharedState &s) {
+std::uint32_t new_id(SharedState& s) {
   for (;;) {
     std::uint32_t id = s.next_id;
     if (id == 0 || id > kMaxId) id = 1;
@@ -39,8 +39,8 @@ std::uint32_t new_id(SharedState &s) {
   }
 }
 
-int create_overlay(const Attachment &a, internal_overlay &r) {
-  SharedState &s = *a.state;
+int create_overlay(const Attachment& a, internal_overlay& r) {
+  SharedState& s = *a.state;
   if (r.type < 0 || r.type > 8 || r.width == 0 || r.height == 0 || r.nbr_buffers < 1 ||
       r.nbr_buffers > CAMSIM_MAX_BUFFERS || r.palette_bank > 1 ||
       !position_valid(r, r.width, r.height))
@@ -49,8 +49,8 @@ int create_overlay(const Attachment &a, internal_overlay &r) {
   const std::uint64_t pages = bytes == 0 ? 1 : (bytes + kPage - 1) / kPage;
   if (pages * r.nbr_buffers > kArenaPages) return -ENOMEM;
 
-  OverlaySlot *slot = nullptr;
-  for (auto &o : s.overlays)
+  OverlaySlot* slot = nullptr;
+  for (auto& o : s.overlays)
     if (o.live == 0) {
       slot = &o;
       break;
@@ -78,8 +78,8 @@ int create_overlay(const Attachment &a, internal_overlay &r) {
   return 0;
 }
 
-int modify_overlay(SharedState &s, const internal_overlay &r) {
-  OverlaySlot *o = find_overlay(s, r.id);
+int modify_overlay(SharedState& s, const internal_overlay& r) {
+  OverlaySlot* o = find_overlay(s, r.id);
   if (o == nullptr || !position_valid(r, o->rec.width, o->rec.height)) return -EINVAL;
   o->rec.x = r.x;
   o->rec.y = r.y;
@@ -89,8 +89,8 @@ int modify_overlay(SharedState &s, const internal_overlay &r) {
   return 0;
 }
 
-int submit_buffer(SharedState &s, const cam_buffer_submit &b) {
-  OverlaySlot *o = find_overlay(s, b.id);
+int submit_buffer(SharedState& s, const cam_buffer_submit& b) {
+  OverlaySlot* o = find_overlay(s, b.id);
   if (o == nullptr) return -EINVAL;
   for (std::uint32_t i = 0; i < o->rec.nbr_buffers; ++i) {
     if (o->buffers[i].offset != b.offset) continue;
@@ -104,8 +104,8 @@ int submit_buffer(SharedState &s, const cam_buffer_submit &b) {
   return -EINVAL;
 }
 
-int get_buffer(SharedState &s, const cam_buffer_query &q) {
-  OverlaySlot *o = find_overlay(s, q.id);
+int get_buffer(SharedState& s, const cam_buffer_query& q) {
+  OverlaySlot* o = find_overlay(s, q.id);
   if (o == nullptr) return -EINVAL;
   std::uint32_t pick = 0;
   if (o->rec.nbr_buffers > 1) {
@@ -123,12 +123,12 @@ int get_buffer(SharedState &s, const cam_buffer_query &q) {
   return static_cast<int>(o->buffers[pick].offset);
 }
 
-int destroy_overlay(const Attachment &a, std::uint32_t id) {
-  SharedState &s = *a.state;
-  OverlaySlot *o = find_overlay(s, id);
+int destroy_overlay(const Attachment& a, std::uint32_t id) {
+  SharedState& s = *a.state;
+  OverlaySlot* o = find_overlay(s, id);
   if (o == nullptr) return -EINVAL;
   o->live = 0;  // first: a dead client leaves no live overlay without buffers
-  for (auto &src : s.sources)
+  for (auto& src : s.sources)
     if (src == id) src = 0;
   stall_point(s, CAMSIM_DESTROY_OVERLAY);
   for (std::uint32_t i = 0; i < o->rec.nbr_buffers && i < CAMSIM_MAX_BUFFERS; ++i)
@@ -136,11 +136,11 @@ int destroy_overlay(const Attachment &a, std::uint32_t id) {
   return 0;
 }
 
-int source_params(SharedState &s, const cam_source_params &p) {
+int source_params(SharedState& s, const cam_source_params& p) {
   if (p.operation != CAM_SOURCE_ADD && p.operation != CAM_SOURCE_REMOVE) return -EINVAL;
   if (find_overlay(s, p.id) == nullptr) return -EINVAL;
-  std::uint32_t *place = nullptr;
-  for (auto &src : s.sources)
+  std::uint32_t* place = nullptr;
+  for (auto& src : s.sources)
     if (src == p.id) place = &src;
   if (p.operation == CAM_SOURCE_REMOVE) {
     if (place == nullptr) return -ENOENT;
@@ -148,7 +148,7 @@ int source_params(SharedState &s, const cam_source_params &p) {
     return 0;
   }
   if (place != nullptr) return 0;
-  for (auto &src : s.sources)
+  for (auto& src : s.sources)
     if (src == 0) {
       src = p.id;
       return 0;
@@ -156,7 +156,7 @@ int source_params(SharedState &s, const cam_source_params &p) {
   return -ENOBUFS;
 }
 
-int set_palette_color(SharedState &s, const cam_palette_color &c) {
+int set_palette_color(SharedState& s, const cam_palette_color& c) {
   if (c.index >= CAMSIM_PALETTE_ENTRIES || c.bank > 1) return -EINVAL;
   s.palette[c.bank][c.index] = c;
   s.palette_written[c.bank][c.index] = 1;
@@ -172,7 +172,7 @@ int channel_of_key(std::uint32_t key) {
 }
 
 template <typename Record>
-bool copy_in(Record &rec, const void *arg) {
+bool copy_in(Record& rec, const void* arg) {
   if (arg == nullptr) return false;
   std::memcpy(&rec, arg, sizeof rec);
   return true;
@@ -180,7 +180,7 @@ bool copy_in(Record &rec, const void *arg) {
 
 }  // namespace
 
-bool is_node_path(const char *path) {
+bool is_node_path(const char* path) {
   if (path == nullptr) return false;
   const std::string_view p(path);
   if (p == "/dev/camquad") return true;
@@ -195,44 +195,65 @@ bool is_node_path(const char *path) {
   return value <= 14;
 }
 
-bool is_gpu_path(const char *path) {
+bool is_gpu_path(const char* path) {
   return path != nullptr && std::string_view(path) == "/dev/galcore";
 }
 
 camsim_command command_of(unsigned long request) {
   // The kernel takes the command as 32 bits, whatever the caller widened.
   switch (static_cast<std::uint32_t>(request)) {
-    case CAM_IOC_CREATE_OVERLAY: return CAMSIM_CREATE_OVERLAY;
-    case CAM_IOC_MODIFY_OVERLAY: return CAMSIM_MODIFY_OVERLAY;
-    case CAM_IOC_GET_OVERLAY: return CAMSIM_GET_OVERLAY;
-    case CAM_IOC_SUBMIT_BUFFER: return CAMSIM_SUBMIT_BUFFER;
-    case CAM_IOC_GET_BUFFER: return CAMSIM_GET_BUFFER;
-    case CAM_IOC_DESTROY_OVERLAY: return CAMSIM_DESTROY_OVERLAY;
-    case CAM_IOC_SOURCE_PARAMS: return CAMSIM_SOURCE_PARAMS;
-    case CAM_IOC_SET_PALETTE_COLOR: return CAMSIM_SET_PALETTE_COLOR;
-    case CAM_IOC_GET_STREAM_CONFIG: return CAMSIM_GET_STREAM_CONFIG;
-    case CAM_IOC_RETURN_STREAM_CONFIG: return CAMSIM_RETURN_STREAM_CONFIG;
-    default: return CAMSIM_UNKNOWN_COMMAND;
+    case CAM_IOC_CREATE_OVERLAY:
+      return CAMSIM_CREATE_OVERLAY;
+    case CAM_IOC_MODIFY_OVERLAY:
+      return CAMSIM_MODIFY_OVERLAY;
+    case CAM_IOC_GET_OVERLAY:
+      return CAMSIM_GET_OVERLAY;
+    case CAM_IOC_SUBMIT_BUFFER:
+      return CAMSIM_SUBMIT_BUFFER;
+    case CAM_IOC_GET_BUFFER:
+      return CAMSIM_GET_BUFFER;
+    case CAM_IOC_DESTROY_OVERLAY:
+      return CAMSIM_DESTROY_OVERLAY;
+    case CAM_IOC_SOURCE_PARAMS:
+      return CAMSIM_SOURCE_PARAMS;
+    case CAM_IOC_SET_PALETTE_COLOR:
+      return CAMSIM_SET_PALETTE_COLOR;
+    case CAM_IOC_GET_STREAM_CONFIG:
+      return CAMSIM_GET_STREAM_CONFIG;
+    case CAM_IOC_RETURN_STREAM_CONFIG:
+      return CAMSIM_RETURN_STREAM_CONFIG;
+    default:
+      return CAMSIM_UNKNOWN_COMMAND;
   }
 }
 
 std::uint64_t buffer_bytes(std::int32_t type, std::uint32_t width, std::uint32_t height) {
   const std::uint64_t w = width, h = height;
   switch (type) {
-    case 0: return (w * h) / 2;
-    case 1: return (w * h * 3) / 2;
-    case 2: return w * h;
-    case 3: return w * h * 2;
-    case 4: return w * h * 4;
-    case 5: return w * h;
-    case 6: return ((w + 7) >> 3) * h;
-    case 7: return (w * h * 20) / 8;
-    case 8: return w * h * 3;
-    default: return 0;
+    case 0:
+      return (w * h) / 2;
+    case 1:
+      return (w * h * 3) / 2;
+    case 2:
+      return w * h;
+    case 3:
+      return w * h * 2;
+    case 4:
+      return w * h * 4;
+    case 5:
+      return w * h;
+    case 6:
+      return ((w + 7) >> 3) * h;
+    case 7:
+      return (w * h * 20) / 8;
+    case 8:
+      return w * h * 3;
+    default:
+      return 0;
   }
 }
 
-int run_command(const Attachment &a, unsigned long request, void *arg) {
+int run_command(const Attachment& a, unsigned long request, void* arg) {
   const camsim_command cmd = command_of(request);
 
   // Records are copied in before and out after the locked part, as a kernel
@@ -248,21 +269,34 @@ int run_command(const Attachment &a, unsigned long request, void *arg) {
   switch (cmd) {
     case CAMSIM_CREATE_OVERLAY:
     case CAMSIM_MODIFY_OVERLAY:
-    case CAMSIM_GET_OVERLAY: have_arg = copy_in(rec, arg); break;
-    case CAMSIM_SUBMIT_BUFFER: have_arg = copy_in(submit, arg); break;
-    case CAMSIM_GET_BUFFER: have_arg = copy_in(query, arg); break;
-    case CAMSIM_SOURCE_PARAMS: have_arg = copy_in(source, arg); break;
-    case CAMSIM_SET_PALETTE_COLOR: have_arg = copy_in(color, arg); break;
+    case CAMSIM_GET_OVERLAY:
+      have_arg = copy_in(rec, arg);
+      break;
+    case CAMSIM_SUBMIT_BUFFER:
+      have_arg = copy_in(submit, arg);
+      break;
+    case CAMSIM_GET_BUFFER:
+      have_arg = copy_in(query, arg);
+      break;
+    case CAMSIM_SOURCE_PARAMS:
+      have_arg = copy_in(source, arg);
+      break;
+    case CAMSIM_SET_PALETTE_COLOR:
+      have_arg = copy_in(color, arg);
+      break;
     case CAMSIM_GET_STREAM_CONFIG:
-    case CAMSIM_RETURN_STREAM_CONFIG: have_arg = copy_in(config, arg); break;
-    default: break;
+    case CAMSIM_RETURN_STREAM_CONFIG:
+      have_arg = copy_in(config, arg);
+      break;
+    default:
+      break;
   }
 
   int result = 0;
   {
     Lock lock(a);
     if (!lock.held()) return -EIO;
-    SharedState &s = *a.state;
+    SharedState& s = *a.state;
     ++s.calls[cmd];
     if (cmd == CAMSIM_UNKNOWN_COMMAND) return -ENOTTY;
     if (s.faults[cmd].remaining > 0) {
@@ -275,22 +309,35 @@ int run_command(const Attachment &a, unsigned long request, void *arg) {
     }
     if (!have_arg) return -EFAULT;
     switch (cmd) {
-      case CAMSIM_CREATE_OVERLAY: result = create_overlay(a, rec); break;
-      case CAMSIM_MODIFY_OVERLAY: result = modify_overlay(s, rec); break;
+      case CAMSIM_CREATE_OVERLAY:
+        result = create_overlay(a, rec);
+        break;
+      case CAMSIM_MODIFY_OVERLAY:
+        result = modify_overlay(s, rec);
+        break;
       case CAMSIM_GET_OVERLAY:
-        if (const OverlaySlot *o = find_overlay(s, rec.id))
+        if (const OverlaySlot* o = find_overlay(s, rec.id))
           rec = o->rec;
         else
           result = -ENOENT;
         break;
-      case CAMSIM_SUBMIT_BUFFER: result = submit_buffer(s, submit); break;
-      case CAMSIM_GET_BUFFER: result = get_buffer(s, query); break;
+      case CAMSIM_SUBMIT_BUFFER:
+        result = submit_buffer(s, submit);
+        break;
+      case CAMSIM_GET_BUFFER:
+        result = get_buffer(s, query);
+        break;
       case CAMSIM_DESTROY_OVERLAY:
         // The id travels as the argument value itself.
-        result = destroy_overlay(a, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(arg)));
+        result =
+            destroy_overlay(a, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(arg)));
         break;
-      case CAMSIM_SOURCE_PARAMS: result = source_params(s, source); break;
-      case CAMSIM_SET_PALETTE_COLOR: result = set_palette_color(s, color); break;
+      case CAMSIM_SOURCE_PARAMS:
+        result = source_params(s, source);
+        break;
+      case CAMSIM_SET_PALETTE_COLOR:
+        result = set_palette_color(s, color);
+        break;
       case CAMSIM_GET_STREAM_CONFIG:
       case CAMSIM_RETURN_STREAM_CONFIG: {
         const int channel = channel_of_key(config.channel_key);
@@ -302,15 +349,22 @@ int run_command(const Attachment &a, unsigned long request, void *arg) {
         }
         break;
       }
-      default: result = -ENOTTY; break;
+      default:
+        result = -ENOTTY;
+        break;
     }
   }
   if (result < 0) return result;
   switch (cmd) {
     case CAMSIM_CREATE_OVERLAY:
-    case CAMSIM_GET_OVERLAY: std::memcpy(arg, &rec, sizeof rec); break;
-    case CAMSIM_GET_STREAM_CONFIG: std::memcpy(arg, &config, sizeof config); break;
-    default: break;
+    case CAMSIM_GET_OVERLAY:
+      std::memcpy(arg, &rec, sizeof rec);
+      break;
+    case CAMSIM_GET_STREAM_CONFIG:
+      std::memcpy(arg, &config, sizeof config);
+      break;
+    default:
+      break;
   }
   return result;
 }

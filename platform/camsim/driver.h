@@ -9,13 +9,13 @@ namespace camsim {
 
 // True for the paths that the simulator answers ("/dev/cam0" ... "/dev/cam14",
 // "/dev/camquad"); null is no node.
-bool is_node_path(const char *path);
+bool is_node_path(const char* path);
 // True for "/dev/galcore".
-bool is_gpu_path(const char *path);
+bool is_gpu_path(const char* path);
 
 // Runs one command on a node descriptor: the command's result (>= 0), or a
 // negated errno value.
-int run_command(const Attachment &a, unsigned long request, void *arg);
+int run_command(const Attachment& a, unsigned long request, void* arg);
 
 // Which command a request number is.
 camsim_command command_of(unsigned long request);

@@ -16,7 +16,7 @@
 namespace {
 
 template <typename Fn>
-Fn next_definition(std::atomic<Fn> &cache, const char *name) {
+Fn next_definition(std::atomic<Fn>& cache, const char* name) {
   Fn fn = cache.load(std::memory_order_acquire);
   if (fn == nullptr) {
     fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
@@ -25,23 +25,21 @@ Fn next_definition(std::atomic<Fn> &cache, const char *name) {
   return fn;
 }
 
-#define CAMSIM_NEXT(name, type)                     \
-  ([]() {                                           \
-    static std::atomic<type> cache{nullptr};        \
-    return next_definition<type>(cache, #name);     \
+#define CAMSIM_NEXT(name, type)                 \
+  ([]() {                                       \
+    static std::atomic<type> cache{nullptr};    \
+    return next_definition<type>(cache, #name); \
   }())
 
-using open_fn = int (*)(const char *, int, ...);
-using openat_fn = int (*)(int, const char *, int, ...);
-using open2_fn = int (*)(const char *, int);
-using openat2_fn = int (*)(int, const char *, int);
+using open_fn = int (*)(const char*, int, ...);
+using openat_fn = int (*)(int, const char*, int, ...);
+using open2_fn = int (*)(const char*, int);
+using openat2_fn = int (*)(int, const char*, int);
 using ioctl_fn = int (*)(int, unsigned long, ...);
-using access_fn = int (*)(const char *, int);
+using access_fn = int (*)(const char*, int);
 
 // The mode argument exists only when the flags ask for one.
-bool takes_mode(int flags) {
-  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-}
+bool takes_mode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
 
 int missing(void) {
   errno = ENOSYS;
@@ -52,7 +50,7 @@ int missing(void) {
 
 #define CAMSIM_INTERPOSED extern "C" __attribute__((visibility("default")))
 
-CAMSIM_INTERPOSED int open(const char *path, int flags, ...) {
+CAMSIM_INTERPOSED int open(const char* path, int flags, ...) {
   mode_t mode = 0;
   if (takes_mode(flags)) {
     va_list ap;
@@ -65,7 +63,7 @@ CAMSIM_INTERPOSED int open(const char *path, int flags, ...) {
   return next != nullptr ? next(path, flags, mode) : missing();
 }
 
-CAMSIM_INTERPOSED int open64(const char *path, int flags, ...) {
+CAMSIM_INTERPOSED int open64(const char* path, int flags, ...) {
   mode_t mode = 0;
   if (takes_mode(flags)) {
     va_list ap;
@@ -78,7 +76,7 @@ CAMSIM_INTERPOSED int open64(const char *path, int flags, ...) {
   return next != nullptr ? next(path, flags, mode) : missing();
 }
 
-CAMSIM_INTERPOSED int openat(int dirfd, const char *path, int flags, ...) {
+CAMSIM_INTERPOSED int openat(int dirfd, const char* path, int flags, ...) {
   mode_t mode = 0;
   if (takes_mode(flags)) {
     va_list ap;
@@ -92,7 +90,7 @@ CAMSIM_INTERPOSED int openat(int dirfd, const char *path, int flags, ...) {
   return next != nullptr ? next(dirfd, path, flags, mode) : missing();
 }
 
-CAMSIM_INTERPOSED int openat64(int dirfd, const char *path, int flags, ...) {
+CAMSIM_INTERPOSED int openat64(int dirfd, const char* path, int flags, ...) {
   mode_t mode = 0;
   if (takes_mode(flags)) {
     va_list ap;
@@ -106,25 +104,25 @@ CAMSIM_INTERPOSED int openat64(int dirfd, const char *path, int flags, ...) {
 }
 
 // The fortified variants that _FORTIFY_SOURCE builds call instead.
-CAMSIM_INTERPOSED int __open_2(const char *path, int flags) {
+CAMSIM_INTERPOSED int __open_2(const char* path, int flags) {
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(__open_2, open2_fn);
   return next != nullptr ? next(path, flags) : missing();
 }
 
-CAMSIM_INTERPOSED int __open64_2(const char *path, int flags) {
+CAMSIM_INTERPOSED int __open64_2(const char* path, int flags) {
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(__open64_2, open2_fn);
   return next != nullptr ? next(path, flags) : missing();
 }
 
-CAMSIM_INTERPOSED int __openat_2(int dirfd, const char *path, int flags) {
+CAMSIM_INTERPOSED int __openat_2(int dirfd, const char* path, int flags) {
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(__openat_2, openat2_fn);
   return next != nullptr ? next(dirfd, path, flags) : missing();
 }
 
-CAMSIM_INTERPOSED int __openat64_2(int dirfd, const char *path, int flags) {
+CAMSIM_INTERPOSED int __openat64_2(int dirfd, const char* path, int flags) {
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(__openat64_2, openat2_fn);
   return next != nullptr ? next(dirfd, path, flags) : missing();
@@ -133,12 +131,12 @@ CAMSIM_INTERPOSED int __openat64_2(int dirfd, const char *path, int flags) {
 CAMSIM_INTERPOSED int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list ap;
   va_start(ap, request);
-  void *arg = va_arg(ap, void *);
+  void* arg = va_arg(ap, void*);
   va_end(ap);
   // The descriptor's file says whether it is ours, so descriptors that were
   // dup'ed, inherited over fork or passed over exec are recognised too.
   if (camsim::is_state_descriptor(fd)) {
-    const camsim::Attachment *a = camsim::attach_existing();
+    const camsim::Attachment* a = camsim::attach_existing();
     const int rc = a != nullptr ? camsim::run_command(*a, request, arg) : -EIO;
     if (rc >= 0) return rc;
     errno = -rc;
@@ -148,9 +146,9 @@ CAMSIM_INTERPOSED int ioctl(int fd, unsigned long request, ...) noexcept {
   return next != nullptr ? next(fd, request, arg) : missing();
 }
 
-CAMSIM_INTERPOSED int access(const char *path, int mode) noexcept {
+CAMSIM_INTERPOSED int access(const char* path, int mode) noexcept {
   if (camsim::is_gpu_path(path)) {
-    const camsim::Attachment *a = camsim::attach();
+    const camsim::Attachment* a = camsim::attach();
     if (a == nullptr) return -1;
     std::uint32_t present = 0;
     {

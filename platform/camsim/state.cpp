@@ -17,14 +17,14 @@ namespace camsim {
 namespace {
 
 std::mutex g_attach_mutex;
-std::atomic<const Attachment *> g_attachment{nullptr};
+std::atomic<const Attachment*> g_attachment{nullptr};
 Attachment g_storage;
 
-bool page_used(const SharedState &s, std::size_t page) {
+bool page_used(const SharedState& s, std::size_t page) {
   return (s.page_map[page / 8] >> (page % 8)) & 1u;
 }
 
-void mark_pages(SharedState &s, std::size_t first, std::size_t count, bool used) {
+void mark_pages(SharedState& s, std::size_t first, std::size_t count, bool used) {
   for (std::size_t p = first; p < first + count; ++p) {
     const auto bit = static_cast<std::uint8_t>(1u << (p % 8));
     if (used)
@@ -43,9 +43,9 @@ void punch(int fd, std::size_t offset, std::size_t length) {
 
 // Fills a state that nobody else can be using yet (the caller holds the
 // file lock of the state file and the magic is not valid).
-void initialise(const Attachment &a) {
-  SharedState &s = *a.state;
-  std::memset(static_cast<void *>(&s), 0, sizeof s);
+void initialise(const Attachment& a) {
+  SharedState& s = *a.state;
+  std::memset(static_cast<void*>(&s), 0, sizeof s);
   pthread_mutexattr_t attr;
   pthread_mutexattr_init(&attr);
   pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
@@ -64,10 +64,10 @@ bool lock_file(int fd) {
   return true;
 }
 
-const Attachment *do_attach(bool create) {
-  if (const Attachment *a = g_attachment.load(std::memory_order_acquire)) return a;
+const Attachment* do_attach(bool create) {
+  if (const Attachment* a = g_attachment.load(std::memory_order_acquire)) return a;
   std::lock_guard guard(g_attach_mutex);
-  if (const Attachment *a = g_attachment.load(std::memory_order_acquire)) return a;
+  if (const Attachment* a = g_attachment.load(std::memory_order_acquire)) return a;
 
   const int fd = shm_open(CAMSIM_STATE_NAME, O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
   if (fd < 0) return nullptr;
@@ -84,16 +84,16 @@ const Attachment *do_attach(bool create) {
   const bool wrong_size = ok && static_cast<std::uint64_t>(st.st_size) != kFileSize;
   if (ok && wrong_size) ok = ftruncate(fd, static_cast<off_t>(kFileSize)) == 0;
   if (ok && wrong_size) (void)fchmod(fd, 0666);  // every user's processes share it
-  void *map = ok ? mmap(nullptr, kArenaStart, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
-                 : MAP_FAILED;
+  void* map =
+      ok ? mmap(nullptr, kArenaStart, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
   if (map == MAP_FAILED) {
     const int saved = errno;
     close(fd);
     errno = saved;
     return nullptr;
   }
-  g_storage = Attachment{fd, static_cast<SharedState *>(map), st.st_dev, st.st_ino};
-  SharedState &s = *g_storage.state;
+  g_storage = Attachment{fd, static_cast<SharedState*>(map), st.st_dev, st.st_ino};
+  SharedState& s = *g_storage.state;
   if (wrong_size ||
       std::atomic_ref<std::uint32_t>(s.magic).load(std::memory_order_acquire) != kMagic ||
       s.layout_version != kLayoutVersion || s.file_size != kFileSize)
@@ -105,21 +105,21 @@ const Attachment *do_attach(bool create) {
 
 }  // namespace
 
-const Attachment *attach() { return do_attach(true); }
+const Attachment* attach() { return do_attach(true); }
 
-const Attachment *attach_existing() { return do_attach(false); }
+const Attachment* attach_existing() { return do_attach(false); }
 
 bool is_state_descriptor(int fd) {
   struct stat st {};
   if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
   const int saved = errno;
-  const Attachment *a = attach_existing();
+  const Attachment* a = attach_existing();
   errno = saved;
   return a != nullptr && a->dev == st.st_dev && a->ino == st.st_ino;
 }
 
 int open_node_descriptor(int flags) {
-  const Attachment *a = attach();
+  const Attachment* a = attach();
   if (a == nullptr) return -1;
   {
     Lock lock(*a);
@@ -135,13 +135,13 @@ int open_node_descriptor(int flags) {
   return fd;
 }
 
-void reset_locked(const Attachment &a) {
-  SharedState &s = *a.state;
-  std::memset(static_cast<void *>(s.overlays), 0, sizeof s.overlays);
+void reset_locked(const Attachment& a) {
+  SharedState& s = *a.state;
+  std::memset(static_cast<void*>(s.overlays), 0, sizeof s.overlays);
   std::memset(s.sources, 0, sizeof s.sources);
-  std::memset(static_cast<void *>(s.palette), 0, sizeof s.palette);
+  std::memset(static_cast<void*>(s.palette), 0, sizeof s.palette);
   std::memset(s.palette_written, 0, sizeof s.palette_written);
-  for (auto &r : s.resolution) {
+  for (auto& r : s.resolution) {
     r[0] = CAMSIM_DEFAULT_WIDTH;
     r[1] = CAMSIM_DEFAULT_HEIGHT;
   }
@@ -158,7 +158,7 @@ void reset_locked(const Attachment &a) {
   punch(a.fd, kArenaStart, CAMSIM_ARENA_BYTES);
 }
 
-std::uint32_t alloc_pages(SharedState &s, std::uint32_t pages) {
+std::uint32_t alloc_pages(SharedState& s, std::uint32_t pages) {
   std::size_t run = 0;
   for (std::size_t p = 0; p < kArenaPages; ++p) {
     run = page_used(s, p) ? 0 : run + 1;
@@ -171,7 +171,7 @@ std::uint32_t alloc_pages(SharedState &s, std::uint32_t pages) {
   return 0;
 }
 
-void free_pages(const Attachment &a, std::uint32_t offset, std::uint32_t pages) {
+void free_pages(const Attachment& a, std::uint32_t offset, std::uint32_t pages) {
   if (offset < kArenaStart || pages == 0) return;
   const std::size_t first = (offset - kArenaStart) / kPage;
   if (first + pages > kArenaPages) return;
@@ -179,22 +179,23 @@ void free_pages(const Attachment &a, std::uint32_t offset, std::uint32_t pages) 
   punch(a.fd, offset, std::size_t{pages} * kPage);
 }
 
-OverlaySlot *find_overlay(SharedState &s, std::uint32_t id) {
+OverlaySlot* find_overlay(SharedState& s, std::uint32_t id) {
   if (id == 0) return nullptr;
-  for (auto &o : s.overlays)
+  for (auto& o : s.overlays)
     if (o.live == 1 && o.rec.id == id) return &o;
   return nullptr;
 }
 
 namespace {
 
-bool slot_consistent(const OverlaySlot &o) {
+bool slot_consistent(const OverlaySlot& o) {
   if (o.rec.id == 0 || o.rec.id > kMaxId) return false;
   if (o.rec.nbr_buffers < 1 || o.rec.nbr_buffers > CAMSIM_MAX_BUFFERS) return false;
   if (o.shown < -1 || o.shown >= static_cast<std::int32_t>(o.rec.nbr_buffers)) return false;
   for (std::uint32_t i = 0; i < o.rec.nbr_buffers; ++i) {
-    const BufferSlot &b = o.buffers[i];
-    if (b.offset < kArenaStart || (b.offset - kArenaStart) % kPage != 0 || b.pages == 0) return false;
+    const BufferSlot& b = o.buffers[i];
+    if (b.offset < kArenaStart || (b.offset - kArenaStart) % kPage != 0 || b.pages == 0)
+      return false;
     if ((b.offset - kArenaStart) / kPage + b.pages > kArenaPages) return false;
   }
   return true;
@@ -202,11 +203,11 @@ bool slot_consistent(const OverlaySlot &o) {
 
 }  // namespace
 
-void repair_locked(const Attachment &a) {
-  SharedState &s = *a.state;
+void repair_locked(const Attachment& a) {
+  SharedState& s = *a.state;
   // Live overlays are the truth; everything else is derived from them again.
   std::memset(s.page_map, 0, sizeof s.page_map);
-  for (auto &o : s.overlays) {
+  for (auto& o : s.overlays) {
     if (o.live != 1) {
       o.live = 0;
       continue;
@@ -241,7 +242,7 @@ void repair_locked(const Attachment &a) {
   std::atomic_ref<std::uint32_t>(s.stalled).store(0);
 }
 
-Lock::Lock(const Attachment &a) : a_(a) {
+Lock::Lock(const Attachment& a) : a_(a) {
   const int rc = pthread_mutex_lock(&a_.state->lock);
   if (rc == EOWNERDEAD) {
     repair_locked(a_);

@@ -75,16 +75,16 @@ static_assert(kArenaStart > 0, "offset 0 must never be a buffer");
 // This process's view of the state file.
 struct Attachment {
   int fd;
-  SharedState *state;
+  SharedState* state;
   dev_t dev;
   ino_t ino;
 };
 
 // Attaches on first use, creating and initialising the state file when it
 // does not exist; nullptr (errno set) when that fails.
-const Attachment *attach();
+const Attachment* attach();
 // Attaches only when the state file already exists.
-const Attachment *attach_existing();
+const Attachment* attach_existing();
 
 // True when `fd` is a descriptor of the state file.
 bool is_state_descriptor(int fd);
@@ -93,32 +93,32 @@ bool is_state_descriptor(int fd);
 int open_node_descriptor(int flags);
 
 // Brings the state back to its defaults; the caller holds the lock.
-void reset_locked(const Attachment &a);
+void reset_locked(const Attachment& a);
 
 // Releases pages in the arena and gives their memory back (they read as
 // zeros afterwards).
-void free_pages(const Attachment &a, std::uint32_t offset, std::uint32_t pages);
+void free_pages(const Attachment& a, std::uint32_t offset, std::uint32_t pages);
 // Finds and marks `pages` free pages in a row; the file offset or 0.
-std::uint32_t alloc_pages(SharedState &s, std::uint32_t pages);
+std::uint32_t alloc_pages(SharedState& s, std::uint32_t pages);
 
 // Scoped hold of the driver lock. When the last holder died, the state is
 // repaired before the lock is handed on.
 class Lock {
  public:
-  explicit Lock(const Attachment &a);
+  explicit Lock(const Attachment& a);
   ~Lock();
-  Lock(const Lock &) = delete;
-  Lock &operator=(const Lock &) = delete;
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
   bool held() const { return held_; }
 
  private:
-  const Attachment &a_;
+  const Attachment& a_;
   bool held_ = false;
 };
 
 // Makes the invariants true again after a holder died half way.
-void repair_locked(const Attachment &a);
+void repair_locked(const Attachment& a);
 
-OverlaySlot *find_overlay(SharedState &s, std::uint32_t id);
+OverlaySlot* find_overlay(SharedState& s, std::uint32_t id);
 
 }  // namespace camsim

@@ -21,9 +21,9 @@ TEST_P(BufferRing, HandsOutTheOldestBufferNotShown) {
   std::vector<int> offsets;
   int shown = -1;
   for (int round = 0; round < 7; ++round) {
-    const int offset = fill_and_submit(node.fd(), id, size, [round](unsigned char *p, std::uint32_t n) {
-      std::memset(p, 0x10 + round, n);
-    });
+    const int offset = fill_and_submit(
+        node.fd(), id, size,
+        [round](unsigned char* p, std::uint32_t n) { std::memset(p, 0x10 + round, n); });
     ASSERT_GT(offset, 0);
     EXPECT_EQ(offset % 4096, 0);
     if (buffers > 1) {
@@ -38,7 +38,8 @@ TEST_P(BufferRing, HandsOutTheOldestBufferNotShown) {
   // With a ring the buffers take turns in order; with one buffer it is
   // always that buffer.
   EXPECT_EQ(std::set<int>(offsets.begin(), offsets.end()).size(), buffers);
-  for (std::size_t i = buffers; i < offsets.size(); ++i) EXPECT_EQ(offsets[i], offsets[i - buffers]);
+  for (std::size_t i = buffers; i < offsets.size(); ++i)
+    EXPECT_EQ(offsets[i], offsets[i - buffers]);
 
   camsim_overlay_info info{};
   ASSERT_EQ(camsim_get_overlay_info(id, &info), 0);
@@ -58,6 +59,9 @@ TEST_F(CamsimTest, WriterNeverGetsTheShownBufferWhileAnotherIsBeingFilled) {
   EXPECT_NE(filling, first);
   EXPECT_NE(spare, first);
   EXPECT_NE(spare, filling);
+  // The shown buffer is now the one handed out longest ago; the next
+  // writer still gets the oldest of the others.
+  EXPECT_EQ(get_buffer(node.fd(), id), filling);
 }
 
 TEST_F(CamsimTest, SubmitRefusesBuffersOfOtherOverlays) {
@@ -85,9 +89,9 @@ TEST_F(CamsimTest, FullArenaRefusesAndFreedSpaceIsReused) {
   EXPECT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), -ENOMEM);
   EXPECT_EQ(camsim_live_count(), 1);
   const std::uint32_t size = 4096 * 2048 * 4;
-  ASSERT_GT(fill_and_submit(node.fd(), first, size, [](unsigned char *p, std::uint32_t n) {
-              std::memset(p, 0xEE, n);
-            }), 0);
+  ASSERT_GT(fill_and_submit(node.fd(), first, size,
+                            [](unsigned char* p, std::uint32_t n) { std::memset(p, 0xEE, n); }),
+            0);
   ASSERT_EQ(destroy(node.fd(), first), 0);
   const std::uint32_t again = create(node.fd(), big);
   ASSERT_NE(again, 0u);

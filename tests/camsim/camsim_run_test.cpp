@@ -14,9 +14,9 @@ struct Outcome {
   std::string out;
 };
 
-Outcome run(const std::string &command) {
+Outcome run(const std::string& command) {
   Outcome r{-1, {}};
-  FILE *p = popen(command.c_str(), "r");
+  FILE* p = popen(command.c_str(), "r");
   if (p == nullptr) return r;
   char buf[256];
   while (fgets(buf, sizeof buf, p) != nullptr) r.out += buf;

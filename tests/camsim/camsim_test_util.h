@@ -18,12 +18,12 @@ namespace camsim_test {
 
 class Node {
  public:
-  explicit Node(const char *path = "/dev/cam0") : fd_(open(path, O_RDWR | O_CLOEXEC)) {}
+  explicit Node(const char* path = "/dev/cam0") : fd_(open(path, O_RDWR | O_CLOEXEC)) {}
   ~Node() {
     if (fd_ >= 0) close(fd_);
   }
-  Node(const Node &) = delete;
-  Node &operator=(const Node &) = delete;
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
   int fd() const { return fd_; }
 
  private:
@@ -31,7 +31,7 @@ class Node {
 };
 
 // The command's result, or -errno.
-inline int command(int fd, unsigned long request, void *arg) {
+inline int command(int fd, unsigned long request, void* arg) {
   const int rc = ioctl(fd, request, arg);
   return rc < 0 ? -errno : rc;
 }
@@ -57,7 +57,7 @@ inline std::uint32_t create(int fd, internal_overlay r) {
 }
 
 inline int destroy(int fd, std::uint32_t id) {
-  return command(fd, CAM_IOC_DESTROY_OVERLAY, reinterpret_cast<void *>(std::uintptr_t{id}));
+  return command(fd, CAM_IOC_DESTROY_OVERLAY, reinterpret_cast<void*>(std::uintptr_t{id}));
 }
 
 inline int get_buffer(int fd, std::uint32_t id) {
@@ -77,9 +77,9 @@ template <typename Fill>
 int fill_and_submit(int fd, std::uint32_t id, std::uint32_t size, Fill fill) {
   const int offset = get_buffer(fd, id);
   if (offset < 0) return offset;
-  void *map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
+  void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
   if (map == MAP_FAILED) return -errno;
-  fill(static_cast<unsigned char *>(map), size);
+  fill(static_cast<unsigned char*>(map), size);
   munmap(map, size);
   const int rc = submit(fd, id, static_cast<std::uint32_t>(offset));
   return rc < 0 ? rc : offset;

@@ -7,9 +7,16 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "camsim_test_util.h"
+
+// The fortified entry points; declared by the C library only in fortified builds.
+extern "C" int __open_2(const char*, int);
+extern "C" int __open64_2(const char*, int);
+extern "C" int __openat_2(int, const char*, int);
+extern "C" int __openat64_2(int, const char*, int);
 
 namespace camsim_test {
 namespace {
@@ -17,31 +24,31 @@ namespace {
 using DriverCommands = CamsimTest;
 
 struct RefusedCreate {
-  const char *name;
-  std::function<void(internal_overlay &)> change;
+  const char* name;
+  std::function<void(internal_overlay&)> change;
   int error;
 };
 
 TEST_F(DriverCommands, CreateRefusesBadRecords) {
   const std::vector<RefusedCreate> cases = {
-      {"negative type", [](auto &r) { r.type = -1; }, EINVAL},
-      {"type 9", [](auto &r) { r.type = 9; }, EINVAL},
-      {"zero width", [](auto &r) { r.width = 0; }, EINVAL},
-      {"zero height", [](auto &r) { r.height = 0; }, EINVAL},
-      {"no buffers", [](auto &r) { r.nbr_buffers = 0; }, EINVAL},
-      {"five buffers", [](auto &r) { r.nbr_buffers = 5; }, EINVAL},
-      {"palette bank 2", [](auto &r) { r.palette_bank = 2; }, EINVAL},
-      {"visible wider than overlay", [](auto &r) { r.visible_width = r.width + 1; }, EINVAL},
+      {"negative type", [](auto& r) { r.type = -1; }, EINVAL},
+      {"type 9", [](auto& r) { r.type = 9; }, EINVAL},
+      {"zero width", [](auto& r) { r.width = 0; }, EINVAL},
+      {"zero height", [](auto& r) { r.height = 0; }, EINVAL},
+      {"no buffers", [](auto& r) { r.nbr_buffers = 0; }, EINVAL},
+      {"five buffers", [](auto& r) { r.nbr_buffers = 5; }, EINVAL},
+      {"palette bank 2", [](auto& r) { r.palette_bank = 2; }, EINVAL},
+      {"visible wider than overlay", [](auto& r) { r.visible_width = r.width + 1; }, EINVAL},
       {"normalized y past the frame",
-       [](auto &r) {
+       [](auto& r) {
          r.coord_type = OVERLAY_COORDS_NORMALIZED;
          r.y = 16385;
        },
        EINVAL},
-      {"larger than the arena", [](auto &r) { r.width = r.height = 8192; }, ENOMEM},
+      {"larger than the arena", [](auto& r) { r.width = r.height = 8192; }, ENOMEM},
   };
   Node node;
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     internal_overlay r = record(4, 64, 32);
     c.change(r);
     EXPECT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), -c.error) << c.name;
@@ -57,11 +64,11 @@ TEST_F(DriverCommands, CreateSizesBuffersByInternalType) {
     std::int32_t type;
     std::uint32_t w, h, bytes;
   };
-  const Case cases[] = {{0, 3, 3, 4},  {1, 3, 3, 13}, {2, 3, 3, 9},  {3, 3, 3, 18}, {4, 3, 3, 36},
-                        {5, 3, 3, 9},  {6, 7, 5, 5},  {6, 9, 2, 4},  {7, 2, 2, 10}, {8, 3, 3, 27},
-                        {0, 1, 1, 0}};
+  const Case cases[] = {{0, 3, 3, 4},  {1, 3, 3, 13}, {2, 3, 3, 9}, {3, 3, 3, 18},
+                        {4, 3, 3, 36}, {5, 3, 3, 9},  {6, 7, 5, 5}, {6, 9, 2, 4},
+                        {7, 2, 2, 10}, {8, 3, 3, 27}, {0, 1, 1, 0}};
   Node node;
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     internal_overlay r = record(c.type, c.w, c.h);
     r.reserved2 = 0xABCD;  // travels with the record
     ASSERT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), 0) << "type " << c.type;
@@ -163,8 +170,9 @@ TEST_F(DriverCommands, PaletteBanksKeepTheRecordsReceived) {
     std::uint8_t index, bank;
     int result;
   };
-  const Case cases[] = {{0, 0, 0}, {15, 1, 0}, {3, 1, 0}, {16, 0, -EINVAL}, {2, 2, -EINVAL}, {255, 1, -EINVAL}};
-  for (const auto &c : cases) {
+  const Case cases[] = {{0, 0, 0},        {15, 1, 0},      {3, 1, 0},
+                        {16, 0, -EINVAL}, {2, 2, -EINVAL}, {255, 1, -EINVAL}};
+  for (const auto& c : cases) {
     cam_palette_color color{c.index, c.bank, 76, 85, 255, 200, {0, 0}, 1};
     EXPECT_EQ(command(node.fd(), CAM_IOC_SET_PALETTE_COLOR, &color), c.result)
         << int{c.index} << "/" << int{c.bank};
@@ -188,12 +196,14 @@ TEST_F(DriverCommands, PaletteBanksKeepTheRecordsReceived) {
 TEST_F(DriverCommands, StreamConfigurationReportsChannelResolution) {
   struct Case {
     unsigned channel;
-    const char *node;
+    const char* node;
     std::uint32_t key;
   };
-  const Case cases[] = {{0, "/dev/camquad", 0xFF00}, {1, "/dev/cam0", 0x0000}, {15, "/dev/cam14", 0x0E00}};
-  for (const auto &c : cases) ASSERT_EQ(camsim_set_resolution(c.channel, 640 + c.channel, 480 + c.channel), 0);
-  for (const auto &c : cases) {
+  const Case cases[] = {
+      {0, "/dev/camquad", 0xFF00}, {1, "/dev/cam0", 0x0000}, {15, "/dev/cam14", 0x0E00}};
+  for (const auto& c : cases)
+    ASSERT_EQ(camsim_set_resolution(c.channel, 640 + c.channel, 480 + c.channel), 0);
+  for (const auto& c : cases) {
     Node node(c.node);
     ASSERT_GE(node.fd(), 0) << c.node;
     cam_stream_config config{};
@@ -218,17 +228,35 @@ TEST_F(DriverCommands, StreamConfigurationReportsChannelResolution) {
 }
 
 TEST_F(DriverCommands, OnlyTheSimulatorsNodesAndDescriptorsAreTakenOver) {
-  for (const char *path : {"/dev/cam15", "/dev/cam", "/dev/cam01", "/dev/camquad0"}) {
+  for (const char* path : {"/dev/cam15", "/dev/cam", "/dev/cam01", "/dev/camquad0"}) {
     errno = 0;
     EXPECT_LT(open(path, O_RDWR), 0) << path;
     EXPECT_EQ(errno, ENOENT) << path;
   }
-  for (const char *path : {"/dev/cam0", "/dev/cam9", "/dev/cam14", "/dev/camquad"}) {
-    const int fd = openat(AT_FDCWD, path, O_RDWR);
-    EXPECT_GE(fd, 0) << path;
+  // Every entry point the C library offers for opening, fortified ones too.
+  const std::vector<std::pair<const char*, std::function<int(const char*)>>> openers = {
+      {"open", [](const char* p) { return open(p, O_RDWR); }},
+      {"open64", [](const char* p) { return open64(p, O_RDWR); }},
+      {"openat", [](const char* p) { return openat(AT_FDCWD, p, O_RDWR); }},
+      {"openat64", [](const char* p) { return openat64(AT_FDCWD, p, O_RDWR); }},
+      {"__open_2", [](const char* p) { return __open_2(p, O_RDWR); }},
+      {"__open64_2", [](const char* p) { return __open64_2(p, O_RDWR); }},
+      {"__openat_2", [](const char* p) { return __openat_2(AT_FDCWD, p, O_RDWR); }},
+      {"__openat64_2", [](const char* p) { return __openat64_2(AT_FDCWD, p, O_RDWR); }},
+  };
+  const char* nodes[] = {"/dev/cam0", "/dev/cam9", "/dev/cam14", "/dev/camquad"};
+  for (std::size_t i = 0; i < openers.size(); ++i) {
+    const int fd = openers[i].second(nodes[i % 4]);
+    cam_stream_config config{};
+    EXPECT_EQ(command(fd, CAM_IOC_GET_STREAM_CONFIG, &config), 0) << openers[i].first;
     close(fd);
+    const int other = openers[i].second("/dev/null");
+    EXPECT_EQ(command(other, CAM_IOC_GET_STREAM_CONFIG, &config), -ENOTTY) << openers[i].first;
+    close(other);
   }
-  EXPECT_EQ(camsim_open_count(), 4);
+  EXPECT_EQ(camsim_open_count(), 8);
+  EXPECT_EQ(camsim_call_count(CAMSIM_GET_STREAM_CONFIG), 8);
+  ASSERT_EQ(camsim_reset(), 0);
 
   int pipe_fds[2];
   ASSERT_EQ(pipe(pipe_fds), 0);

@@ -32,9 +32,9 @@ TEST_F(Processes, OverlayOfOneProcessIsFilledAndDestroyedByOthers) {
   close(pipe_fds[0]);
   close(pipe_fds[1]);
 
-  ASSERT_GT(fill_and_submit(inherited.fd(), id, 32 * 32 * 4, [](unsigned char *p, std::uint32_t n) {
-              std::memset(p, 0x7F, n);
-            }), 0);
+  ASSERT_GT(fill_and_submit(inherited.fd(), id, 32 * 32 * 4,
+                            [](unsigned char* p, std::uint32_t n) { std::memset(p, 0x7F, n); }),
+            0);
   unsigned char first = 0;
   EXPECT_EQ(camsim_read_shown_buffer(id, &first, 1), 32 * 32 * 4);
   EXPECT_EQ(first, 0x7F);
@@ -64,7 +64,7 @@ struct Interrupted {
   int live_after;  // live overlays once the dead client is cleaned up
 };
 
-std::ostream &operator<<(std::ostream &os, const Interrupted &c) {
+std::ostream& operator<<(std::ostream& os, const Interrupted& c) {
   return os << "command " << c.command;
 }
 
@@ -86,7 +86,8 @@ TEST_P(KilledClient, LeavesTheDriverUsable) {
     internal_overlay r = big;
     if (c.command == CAMSIM_CREATE_OVERLAY) command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r);
     if (c.command == CAMSIM_DESTROY_OVERLAY) destroy(node.fd(), id);
-    if (c.command == CAMSIM_SUBMIT_BUFFER) submit(node.fd(), id, static_cast<std::uint32_t>(get_buffer(node.fd(), id)));
+    if (c.command == CAMSIM_SUBMIT_BUFFER)
+      submit(node.fd(), id, static_cast<std::uint32_t>(get_buffer(node.fd(), id)));
     _exit(0);
   }
   ASSERT_GT(pid, 0);
@@ -118,11 +119,14 @@ INSTANTIATE_TEST_SUITE_P(MidCommand, KilledClient,
                          ::testing::Values(Interrupted{CAMSIM_CREATE_OVERLAY, 0},
                                            Interrupted{CAMSIM_DESTROY_OVERLAY, 0},
                                            Interrupted{CAMSIM_SUBMIT_BUFFER, 1}),
-                         [](const auto &info) {
+                         [](const auto& info) {
                            switch (info.param.command) {
-                             case CAMSIM_CREATE_OVERLAY: return std::string("Create");
-                             case CAMSIM_DESTROY_OVERLAY: return std::string("Destroy");
-                             default: return std::string("Submit");
+                             case CAMSIM_CREATE_OVERLAY:
+                               return std::string("Create");
+                             case CAMSIM_DESTROY_OVERLAY:
+                               return std::string("Destroy");
+                             default:
+                               return std::string("Submit");
                            }
                          });
 
