@@ -97,7 +97,10 @@ CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void* dst, size_t capacity
   uint32_t size = 0;
   const long found = locked([&](const Attachment& a) {
     const camsim::OverlaySlot* o = camsim::find_overlay(*a.state, id);
-    if (o == nullptr) return static_cast<long>(CAMSIM_NO_OVERLAY);
+    if (o == nullptr) {
+      errno = ENOENT;
+      return static_cast<long>(CAMSIM_NO_OVERLAY);
+    }
     if (o->shown < 0) return static_cast<long>(CAMSIM_NOTHING_SHOWN);
     offset = o->buffers[o->shown].offset;
     size = o->rec.buffer_size;

@@ -116,7 +116,7 @@ CAMSIM_API int camsim_get_overlay(uint32_t id, internal_overlay* out);
 CAMSIM_API int camsim_get_overlay_info(uint32_t id, camsim_overlay_info* out);
 
 /* Copies at most `capacity` bytes of the overlay's shown buffer to `dst`
- * and returns the buffer's full size; CAMSIM_NO_OVERLAY for an unknown id,
+ * and returns the buffer's full size; CAMSIM_NO_OVERLAY (errno ENOENT) for an unknown id,
  * CAMSIM_NOTHING_SHOWN when no buffer was submitted yet. */
 CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void* dst, size_t capacity);
 
