@@ -1,0 +1,44 @@
+// Helpers of the API tests: the simulated driver's live state and a plain
+// overlay description.
+#pragma once
+
+#include <glob.h>
+
+#include <string>
+#include <vector>
+
+#include "camsim.h"
+#include "zantrel.h"
+
+namespace api_test {
+
+// Every "/dev/shm/ovl_*" object there is.
+inline std::vector<std::string> table_files() {
+  std::vector<std::string> paths;
+  glob_t found{};
+  if (glob("/dev/shm/ovl_*", 0, nullptr, &found) == 0) {
+    for (size_t i = 0; i < found.gl_pathc; ++i) {
+      paths.emplace_back(found.gl_pathv[i]);
+    }
+  }
+  globfree(&found);
+  return paths;
+}
+
+inline overlay plain(uint32_t width, uint32_t height, int32_t priority = 0,
+                     overlay_format format = OVERLAY_FORMAT_ARGB32) {
+  overlay ovl{};
+  ovl.priority = priority;
+  ovl.width = width;
+  ovl.height = height;
+  ovl.nbr_buffers = 1;
+  ovl.format = format;
+  ovl.position = {0, 0, 1, 1, 0};
+  return ovl;
+}
+
+inline const overlay_table_entry* entry_of(overlay_table* table, int handle) {
+  return overlay_table_get_entry(table, handle);
+}
+
+}  // namespace api_test

@@ -1,0 +1,170 @@
+// Binding a process to the device and the tables, in every state.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "api_test_util.h"
+#include "test_support.h"
+
+namespace {
+
+using zantrel::test::captured_logs;
+using zantrel::test::clear_captured_logs;
+using zantrel::test::logged_once;
+
+const char* const kReinitWarning = "libzantrel: Warning, reinitalizing overlay library.\n";
+
+bool fd_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
+
+class Lifecycle : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(camsim_reset(), 0);
+    clear_captured_logs();
+  }
+  void TearDown() override {
+    overlay_deinit();
+    overlay_table_deinit();
+  }
+};
+
+TEST_F(Lifecycle, InitWithOwnDescriptorMakesTableAndLoadsPalette) {
+  int fd = overlay_init(0);
+  ASSERT_GT(fd, 0);
+  EXPECT_EQ(o_get_fd(), fd);
+  EXPECT_EQ(overlay_table_exists(), 1);
+  cam_palette_color bank[2][16];
+  uint8_t written[2][16];
+  for (unsigned b = 0; b < 2; ++b) {
+    ASSERT_EQ(camsim_read_palette(b, bank[b], written[b]), 0);
+    EXPECT_EQ(written[b][14], 1) << "bank " << b;
+    EXPECT_EQ(written[b][15], 0) << "entry 15 is the driver's own";
+    EXPECT_EQ(bank[b][2].cr, 255) << "red";
+  }
+  EXPECT_TRUE(captured_logs().empty());
+
+  EXPECT_EQ(overlay_deinit(), 0);
+  EXPECT_EQ(o_get_fd(), 0);
+  EXPECT_FALSE(fd_open(fd));
+  EXPECT_TRUE(api_test::table_files().empty());
+}
+
+TEST_F(Lifecycle, CallersDescriptorIsNeverClosed) {
+  int own = open("/dev/cam0", O_RDWR);
+  ASSERT_GT(own, 0);
+  EXPECT_EQ(overlay_init(own), own);
+  EXPECT_EQ(o_get_fd(), own);
+  EXPECT_EQ(overlay_deinit(), 0);
+  EXPECT_EQ(o_get_fd(), 0);
+  EXPECT_TRUE(fd_open(own));
+  EXPECT_TRUE(api_test::table_files().empty());
+
+  ASSERT_EQ(overlay_table_init(), 0);
+  EXPECT_EQ(overlay_attach(own), own);
+  EXPECT_EQ(overlay_detach(), 0);
+  EXPECT_TRUE(fd_open(own));
+  EXPECT_EQ(overlay_table_exists(), 1) << "detach leaves the tables";
+  close(own);
+}
+
+TEST_F(Lifecycle, NegativeDescriptorsLeaveTheStateAlone) {
+  int fd = overlay_init(0);
+  ASSERT_GT(fd, 0);
+  clear_captured_logs();
+  EXPECT_EQ(overlay_attach(-5), -2);
+  EXPECT_EQ(o_get_fd(), fd);
+  EXPECT_EQ(overlay_init(-1), -2);
+  EXPECT_EQ(o_get_fd(), fd);
+  EXPECT_TRUE(logged_once(LOG_WARNING, kReinitWarning));
+}
+
+TEST_F(Lifecycle, AttachNeedsTheMainTable) {
+  int before = camsim_open_count();
+  EXPECT_EQ(overlay_attach(0), -1);
+  EXPECT_EQ(camsim_open_count(), before + 1);
+  EXPECT_EQ(o_get_fd(), 0);
+  EXPECT_TRUE(captured_logs().empty());
+
+  ASSERT_EQ(overlay_table_init(), 0);
+  int fd = overlay_attach(0);
+  ASSERT_GT(fd, 0);
+  EXPECT_EQ(overlay_detach(), 0);
+  EXPECT_EQ(o_get_fd(), 0);
+  EXPECT_FALSE(fd_open(fd));
+  EXPECT_EQ(overlay_table_exists(), 1);
+}
+
+TEST_F(Lifecycle, ReinitWarnsOnceAndStartsAfresh) {
+  ASSERT_GT(overlay_init(0), 0);
+  overlay ovl = api_test::plain(8, 8);
+  ASSERT_EQ(overlay_create(&ovl), 1);
+  clear_captured_logs();
+  ASSERT_GT(overlay_init(0), 0);
+  EXPECT_TRUE(logged_once(LOG_WARNING, kReinitWarning));
+  overlay again = api_test::plain(8, 8);
+  EXPECT_EQ(overlay_create(&again), 1) << "the table was made afresh";
+}
+
+TEST_F(Lifecycle, FailedTableCreation) {
+  // A directory where the table should be makes its creation fail.
+  ASSERT_EQ(mkdir("/dev/shm/ovl_table", 0700), 0);
+  int lowest_free = dup(0);
+  close(lowest_free);
+
+  EXPECT_EQ(overlay_init(0), -1);
+  EXPECT_EQ(o_get_fd(), 0);
+  int next = dup(0);
+  EXPECT_EQ(next, lowest_free) << "the library closed the descriptor it opened";
+  close(next);
+
+  int own = open("/dev/cam0", O_RDWR);
+  EXPECT_EQ(overlay_init(own), -1);
+  EXPECT_EQ(o_get_fd(), own) << "a caller's descriptor stays stored";
+  EXPECT_TRUE(fd_open(own));
+  overlay_detach();
+  close(own);
+  rmdir("/dev/shm/ovl_table");
+}
+
+TEST_F(Lifecycle, GpuNodeDecidesGlVersions) {
+  ASSERT_EQ(camsim_set_galcore(0), 0);
+  EXPECT_STREQ(overlay_get_supported_gl_versions(), "");
+  ASSERT_EQ(camsim_set_galcore(1), 0);
+  EXPECT_STREQ(overlay_get_supported_gl_versions(), "GLES 2.0");
+}
+
+TEST_F(Lifecycle, QueriesPassToTheDevice) {
+  ASSERT_EQ(camsim_set_resolution(3, 1280, 720), 0);
+  uint32_t width = 1;
+  uint32_t height = 1;
+  overlay_get_max_resolution(3, &width, &height);
+  EXPECT_EQ(width, 1280U);
+  EXPECT_EQ(height, 720U);
+  overlay_get_max_resolution(0, &width, &height);
+  EXPECT_EQ(width, 1920U);
+
+  clear_captured_logs();
+  height = 77;
+  overlay_get_max_resolution(0, nullptr, &height);
+  EXPECT_EQ(height, 77U);
+  EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: Must provide valid pointers as input\n"));
+
+  overlay_caps caps;
+  std::memset(&caps, 0, sizeof caps);
+  overlay_get_caps(&caps);
+  EXPECT_EQ(caps.max_slots, 8U);
+  EXPECT_EQ(caps.slots_image, 2U);
+  EXPECT_EQ(caps.formats[8], static_cast<uint32_t>(OVERLAY_FORMAT_YCBCR_ALPHA));
+  EXPECT_EQ(caps.formats[9], 0xFFFFFFFFU);
+  EXPECT_EQ(caps.formats[10], 0xFFFFFFFFU);
+
+  clear_captured_logs();
+  EXPECT_EQ(overlay_set_pixelation_size(1, 16), -3);
+  EXPECT_TRUE(logged_once(
+      LOG_WARNING, "libzantrel: o_overlay_set_pixelation_size: not supported for Zorvex 6\n"));
+}
+
+}  // namespace

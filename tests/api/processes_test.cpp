@@ -1,0 +1,196 @@
+// The camera's way of using the library: an owner process, applications
+// changing overlays at the same time, and an observer reading the state.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "api_test_util.h"
+#include "test_support.h"
+
+namespace {
+
+// Forks a process running body; its exit status is the body's result.
+pid_t spawn(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    _exit(body());
+  }
+  return pid;
+}
+
+int wait_for(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string run_command(const std::string& command, int* status) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+    output.append(buffer, n);
+  }
+  *status = pclose(pipe);
+  return output;
+}
+
+// An application: overlays made, filled, moved, put into and out of sets
+// and destroyed, many times. Returns the number of failed steps.
+int application(int seed) {
+  if (overlay_attach(0) <= 0) {
+    return 100;
+  }
+  int failures = 0;
+  for (int round = 0; round < 40; ++round) {
+    overlay ovl = api_test::plain(16, 16, (seed * 7 + round) % 5);
+    int handle = overlay_create(&ovl);
+    if (handle < 1) {
+      ++failures;
+      continue;
+    }
+    int32_t offset = -1;
+    if (overlay_get_buffer(handle, &offset) == 0) {
+      void* pixels =
+          mmap(nullptr, ovl.buffer_size, PROT_READ | PROT_WRITE, MAP_SHARED, o_get_fd(), offset);
+      if (pixels != MAP_FAILED) {
+        std::memset(pixels, seed, ovl.buffer_size);
+        munmap(pixels, ovl.buffer_size);
+      }
+      failures += overlay_submit_buffer(handle, offset, 0) != 0 ? 1 : 0;
+    } else {
+      ++failures;
+    }
+    ovl.position.x = static_cast<float>(round);
+    failures += overlay_update(handle, &ovl) != 0 ? 1 : 0;
+    // Each application has one overlay at a time, so no set ever fills.
+    failures += overlay_add_globally(handle) != 0 ? 1 : 0;
+    failures += overlay_add_to_channel(handle, static_cast<unsigned>(seed)) != 0 ? 1 : 0;
+    failures += overlay_add_to_stream(handle, 0, seed) != 0 ? 1 : 0;
+    if (round % 3 == 0) {
+      failures += overlay_remove_from_stream(handle, 0, seed) != 0 ? 1 : 0;
+      failures += overlay_remove_globally(handle) != 0 ? 1 : 0;
+    }
+    failures += overlay_destroy(handle) != 0 ? 1 : 0;
+  }
+  return failures + (overlay_detach() != 0 ? 1 : 0);
+}
+
+TEST(CameraProcesses, OwnerApplicationsAndObserver) {
+  ASSERT_EQ(camsim_reset(), 0);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  int done[2];
+  ASSERT_EQ(pipe(done), 0);
+
+  pid_t owner = spawn([&] {
+    int fd = overlay_init(0);
+    char byte = fd > 0 ? 'y' : 'n';
+    write(ready[1], &byte, 1);
+    read(done[0], &byte, 1);  // until the others have finished
+    return fd > 0 && overlay_deinit() == 0 ? 0 : 1;
+  });
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  ASSERT_EQ(byte, 'y');
+
+  pid_t first = spawn([] { return application(1); });
+  pid_t second = spawn([] { return application(2); });
+  pid_t observer = spawn([] {
+    for (int i = 0; i < 10; ++i) {
+      int status = 0;
+      std::string text = run_command(std::string(ZANTRELCTL) + " show --json", &status);
+      if (status != 0) {
+        return 1;
+      }
+      nlohmann::json state = nlohmann::json::parse(text, nullptr, false);
+      if (state.is_discarded() || !state.contains("entries") || state["palette"].size() != 16) {
+        return 2;
+      }
+    }
+    return 0;
+  });
+
+  EXPECT_EQ(wait_for(first), 0);
+  EXPECT_EQ(wait_for(second), 0);
+  EXPECT_EQ(wait_for(observer), 0);
+  ASSERT_EQ(write(done[1], "x", 1), 1);
+  EXPECT_EQ(wait_for(owner), 0);
+
+  EXPECT_TRUE(api_test::table_files().empty());
+  EXPECT_EQ(camsim_live_count(), 0);
+  int status = 0;
+  run_command(std::string(ZANTRELCTL) + " show 2>/dev/null", &status);
+  EXPECT_EQ(WEXITSTATUS(status), 1) << "no table: exit status 1";
+}
+
+TEST(CameraProcesses, OneProcessesOverlayUsedByAnother) {
+  ASSERT_EQ(camsim_reset(), 0);
+  ASSERT_GT(overlay_init(0), 0);
+  overlay ovl = api_test::plain(8, 8);
+  int handle = overlay_create(&ovl);
+  ASSERT_EQ(handle, 1);
+  int status = zantrel::test::run_in_child([handle] {
+    if (overlay_attach(0) <= 0) {
+      return 1;
+    }
+    overlay moved = api_test::plain(8, 8);
+    moved.position.x = 3;
+    int rc = overlay_update(handle, &moved) == 0 && overlay_destroy(handle) == 0 ? 0 : 2;
+    overlay_detach();
+    return rc;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(camsim_live_count(), 0);
+  EXPECT_EQ(overlay_deinit(), 0);
+}
+
+TEST(CameraProcesses, ShowDescribesASmallScene) {
+  ASSERT_EQ(camsim_reset(), 0);
+  ASSERT_GT(overlay_init(0), 0);
+  overlay ovl = api_test::plain(64, 32, 5);
+  ovl.position = {0.25F, 0.5F, 1, 1, OVERLAY_COORDS_NORMALIZED};
+  int handle = overlay_create(&ovl);
+  ASSERT_EQ(overlay_add_globally(handle), 0);
+  ASSERT_EQ(overlay_add_to_channel(handle, 2), 0);
+  ASSERT_EQ(overlay_add_to_stream(handle, 0, 3), 0);
+  overlay_palette_color color{0xFF, 0x12, 0x34, 0x56, 1};
+  ASSERT_EQ(overlay_palette_set_color(&color, 15), 0);
+
+  int status = 0;
+  nlohmann::json state =
+      nlohmann::json::parse(run_command(std::string(ZANTRELCTL) + " show --json", &status));
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(state["version"], 4);
+  ASSERT_EQ(state["entries"].size(), 1U);
+  const nlohmann::json& entry = state["entries"][0];
+  EXPECT_EQ(entry["handle"], handle);
+  EXPECT_EQ(entry["type_name"], "plain");
+  EXPECT_EQ(entry["width"], 64);
+  EXPECT_EQ(entry["priority"], 5);
+  EXPECT_EQ(entry["position"]["normalized"], true);
+  EXPECT_EQ(state["global"], nlohmann::json::array({handle}));
+  EXPECT_EQ(state["channels"]["2"], nlohmann::json::array({handle}));
+  ASSERT_EQ(state["streams"].size(), 1U);
+  EXPECT_EQ(state["streams"][0]["stream"], 3);
+  EXPECT_EQ(state["streams"][0]["version"], 1);
+  EXPECT_EQ(state["palette"][15]["argb"], "0xFF123456");
+
+  std::string text = run_command(std::string(ZANTRELCTL) + " show", &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(text.find("main table version 4"), std::string::npos) << text;
+  EXPECT_NE(text.find("stream 3: version 1, 1"), std::string::npos) << text;
+  std::printf("%s", text.c_str());
+  EXPECT_EQ(overlay_deinit(), 0);
+}
+
+}  // namespace
