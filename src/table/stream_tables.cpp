@@ -21,11 +21,6 @@ namespace {
 
 constexpr mode_t kStreamMode = 0666;
 
-struct GlobResult {
-  glob_t paths{};
-  ~GlobResult() { globfree(&paths); }
-};
-
 overlay_stream_table* map_stream_fd(int fd) {
   // Any process may have made an "ovl_" object of another size.
   struct stat st {};

@@ -2,6 +2,7 @@
 // helpers and the owners that unmap and unlock on every path.
 #pragma once
 
+#include <glob.h>
 #include <pthread.h>
 #include <sys/mman.h>
 
@@ -116,6 +117,15 @@ int _overlay_entry_ok(const overlay_table_entry* entry, unsigned filter);
 
 // Store.
 int _remove_all_tables();
+
+// The "/dev/shm/ovl_*" files of one search, freed on every path.
+struct GlobResult {
+  glob_t paths{};
+  GlobResult() = default;
+  GlobResult(const GlobResult&) = delete;
+  GlobResult& operator=(const GlobResult&) = delete;
+  ~GlobResult() { globfree(&paths); }
+};
 
 // Streams.
 StreamName stream_name(int stream);

@@ -21,11 +21,6 @@ namespace {
 constexpr mode_t kCreateMode = 0600;
 constexpr mode_t kOpenMode = 0666;
 
-struct GlobResult {
-  glob_t paths{};
-  ~GlobResult() { globfree(&paths); }
-};
-
 // Unlinks the new table unless creation got through.
 class CreationGuard {
  public:
