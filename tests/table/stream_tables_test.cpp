@@ -139,30 +139,6 @@ TEST_F(StreamTest, AStreamWithoutTable) {
   EXPECT_TRUE(captured_logs().empty());
 }
 
-TEST_F(StreamTest, RemovingAStreamTableKeepsOldMappings) {
-  int a = make(1);
-  ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, a, 0), 0);
-  ASSERT_NE(map_stream(0), MAP_FAILED);
-  uint32_t version = table_->version;
-  EXPECT_EQ(overlay_table_remove_stream(0), 0);
-  EXPECT_FALSE(shm_file_exists("/ovl_strm_0"));
-  EXPECT_EQ(handles_of(stream_->handles), set_of({a}));
-  EXPECT_EQ(table_->version, version);
-  EXPECT_EQ(entry(a).stream_count, 1u);
-  // A new table for that stream starts afresh.
-  ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, a, 0), 0);
-  EXPECT_EQ(stream_version(0), 1u);
-  EXPECT_EQ(table_->version, version + 1);
-
-  ASSERT_EQ(mkdir("/dev/shm/ovl_strm_6", 0755), 0);
-  clear_captured_logs();
-  EXPECT_EQ(overlay_table_remove_stream(6), -1);
-  ASSERT_EQ(captured_logs().size(), 1u);
-  EXPECT_EQ(captured_logs()[0].message.rfind(
-                "libzantrel: could not remove overlay stream file (/ovl_strm_6). ", 0),
-            0u);
-}
-
 // Someone else's empty "ovl_strm_7": every operation refuses it and goes on.
 TEST_F(StreamTest, EmptyStreamFileOfAnotherProcessIsNeverMapped) {
   int fd = open("/dev/shm/ovl_strm_7", O_RDWR | O_CREAT, 0666);
@@ -268,22 +244,30 @@ struct FilterCase {
 };
 
 const FilterCase kFilterCases[] = {
-    {OVERLAY_TYPE_PLAIN, 0, 0, 4, true},          {OVERLAY_TYPE_PLAIN, 0, 0, 3, false},
-    {OVERLAY_TYPE_PLAIN, 1, 0, 1, false},         {OVERLAY_TYPE_PLAIN, 0, 1, 0, true},
-    {OVERLAY_TYPE_TEXT, 1, 0, 1, true},           {OVERLAY_TYPE_TEXT, 1, 0, 6, false},
-    {OVERLAY_TYPE_TEXT, 0, 0, 2, true},           {OVERLAY_TYPE_TEXT, 0, 0, 5, false},
-    {OVERLAY_TYPE_MODIFIABLE_TEXT, 2, 0, 2, true}, {OVERLAY_TYPE_MODIFIABLE_TEXT, 2, 0, 1, false},
-    {OVERLAY_TYPE_IMAGE, 0, 0, 4, false},         {OVERLAY_TYPE_IMAGE, 0, 1, 0, true},
-    {OVERLAY_TYPE_SCALABLE_IMAGE, 1, 0, 7, true}, {OVERLAY_TYPE_SCALABLE_IMAGE, 0, 2, 1, false},
-    {OVERLAY_TYPE_TEXT, 0, 0, 0xF8, false},        {OVERLAY_TYPE_TEXT, 0, 0, 0xFFFFFFFF, true},
+    {OVERLAY_TYPE_PLAIN, 0, 0, 4, true},
+    {OVERLAY_TYPE_PLAIN, 0, 0, 3, false},
+    {OVERLAY_TYPE_PLAIN, 1, 0, 1, false},
+    {OVERLAY_TYPE_PLAIN, 0, 1, 0, true},
+    {OVERLAY_TYPE_TEXT, 1, 0, 1, true},
+    {OVERLAY_TYPE_TEXT, 1, 0, 6, false},
+    {OVERLAY_TYPE_TEXT, 0, 0, 2, true},
+    {OVERLAY_TYPE_TEXT, 0, 0, 5, false},
+    {OVERLAY_TYPE_MODIFIABLE_TEXT, 2, 0, 2, true},
+    {OVERLAY_TYPE_MODIFIABLE_TEXT, 2, 0, 1, false},
+    {OVERLAY_TYPE_IMAGE, 0, 0, 4, false},
+    {OVERLAY_TYPE_IMAGE, 0, 1, 0, true},
+    {OVERLAY_TYPE_SCALABLE_IMAGE, 1, 0, 7, true},
+    {OVERLAY_TYPE_SCALABLE_IMAGE, 0, 2, 1, false},
+    {OVERLAY_TYPE_TEXT, 0, 0, 0xF8, false},
+    {OVERLAY_TYPE_TEXT, 0, 0, 0xFFFFFFFF, true},
 };
 
 TEST_F(StreamTest, FilterAdmitsByTypeLegacyAndIgnoreFlag) {
   for (const FilterCase& c : kFilterCases) {
-    SCOPED_TRACE(::testing::Message() << "type " << c.type << " legacy " << c.legacy
-                                      << " ignore " << c.ignore << " filter " << c.filter);
-    int h = make(OverlaySpec{.priority = 1, .type = c.type, .legacy = c.legacy,
-                             .ignore_filter = c.ignore});
+    SCOPED_TRACE(::testing::Message() << "type " << c.type << " legacy " << c.legacy << " ignore "
+                                      << c.ignore << " filter " << c.filter);
+    int h = make(
+        OverlaySpec{.priority = 1, .type = c.type, .legacy = c.legacy, .ignore_filter = c.ignore});
     EXPECT_EQ(zantrel::table::_overlay_entry_ok(&entry(h), c.filter), c.admitted ? 1 : 0);
     ASSERT_EQ(overlay_table_add_overlay_to_channel(table_, h, 2), 0);
     EXPECT_EQ(gather(nullptr, c.filter), c.admitted ? found({h}) : found({}));
@@ -326,8 +310,14 @@ TEST_F(StreamTest, FilteredSetsAreResortedInPlace) {
   // Holes and foreign bytes: the sort leaves holes and clears bytes that name
   // no entry (place 0 is not examined).
   int8_t* g = table_->global_handles;
-  const int8_t image[8] = {static_cast<int8_t>(plain - 1), -1, static_cast<int8_t>(a - 1), 120,
-                           static_cast<int8_t>(b - 1), -7, -1, -1};
+  const int8_t image[8] = {static_cast<int8_t>(plain - 1),
+                           -1,
+                           static_cast<int8_t>(a - 1),
+                           120,
+                           static_cast<int8_t>(b - 1),
+                           -7,
+                           -1,
+                           -1};
   std::memcpy(g, image, 8);
   EXPECT_EQ(gather(nullptr, OVERLAY_FILTER_NON_LEGACY), found({a, b}));
   EXPECT_EQ(handles_of(g), (std::vector<int>{plain, -1, a, -1, b, -1, -1, -1}));

@@ -8,8 +8,6 @@
 namespace zantrel::test {
 namespace {
 
-using zantrel::table::HandleSet;
-
 TEST_F(TableTest, HandlesAreTakenLowestFirstAndReused) {
   for (int expected = 1; expected <= 100; ++expected) {
     ASSERT_EQ(make(expected), expected);
@@ -74,7 +72,8 @@ const SetKind kSetKinds[] = {
      [](overlay_table* t) { return handles_of(t->source_handles); }},
     channel_kind("channel0", 0),
     channel_kind("channel15", 15),
-    {"stream4", [](overlay_table* t, int h) { return overlay_table_add_overlay_to_stream(t, h, 4); },
+    {"stream4",
+     [](overlay_table* t, int h) { return overlay_table_add_overlay_to_stream(t, h, 4); },
      [](overlay_table* t, int h) { return overlay_table_remove_overlay_from_stream(t, h, 4); },
      [](overlay_table*) { return read_stream(4); }},
 };
@@ -162,38 +161,7 @@ TEST_P(SetRules, StaleMemberLeavesOnAddition) {
 INSTANTIATE_TEST_SUITE_P(AllSets, SetRules, ::testing::ValuesIn(kSetKinds),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(HandleSet, WorkingListOf24PlacesAndBadIndexes) {
-  auto table = std::make_unique<overlay_table>();
-  std::vector<int8_t> list(24, -1);
-  for (int i = 0; i < 24; ++i) {
-    table->entries[i].in_use = 1;
-    table->entries[i].data.description.ovl.priority = i % 5;
-    ASSERT_EQ(zantrel::table::_add_handle_to_array(table.get(), i, HandleSet(list)), 0);
-  }
-  for (int i = 1; i < 24; ++i) {
-    EXPECT_GE(table->entries[list[i - 1]].data.description.ovl.priority,
-              table->entries[list[i]].data.description.ovl.priority);
-  }
-  table->entries[30].in_use = 1;
-  EXPECT_EQ(zantrel::table::_add_handle_to_array(table.get(), 30, HandleSet(list)), -9);
-  EXPECT_EQ(zantrel::table::_add_handle_to_array(table.get(), -1, HandleSet(list)), -2);
-  EXPECT_EQ(zantrel::table::_remove_handle_from_array(table.get(), 30, HandleSet(list)), -6);
-  EXPECT_EQ(zantrel::table::_remove_handle_from_array(table.get(), 0, HandleSet(list)), 0);
-  EXPECT_EQ(list[23], -1);
-}
-
 // ---- channels, destruction, update and look-ups ----
-
-TEST_F(TableTest, ChannelOperationsTestTheHandleBeforeTheChannel) {
-  int h = make(1);
-  EXPECT_EQ(overlay_table_add_overlay_to_channel(table_, 0, 16), -6);
-  EXPECT_EQ(overlay_table_add_overlay_to_channel(table_, h + 1, 16), -6);  // free
-  EXPECT_EQ(overlay_table_add_overlay_to_channel(table_, h, 16), -4);
-  EXPECT_EQ(overlay_table_add_overlay_to_channel(table_, h, 0xFFFFFFFFu), -4);
-  EXPECT_EQ(overlay_table_remove_overlay_from_channel(table_, 101, 16), -6);
-  EXPECT_EQ(overlay_table_remove_overlay_from_channel(table_, h, 16), -4);
-  EXPECT_EQ(table_->version, 1u);
-}
 
 TEST_F(TableTest, DestroyEndsEveryMembership) {
   int doomed = make(5);
@@ -236,8 +204,8 @@ TEST_F(TableTest, DestroyOfInvalidFreeOrLoneOverlays) {
   for (int bad : {0, 101, -3}) {
     clear_captured_logs();
     EXPECT_EQ(overlay_table_destroy_overlay(table_, bad), -6);
-    EXPECT_TRUE(logged_once(LOG_ERR,
-                            "libzantrel: Not a valid handle (was " + std::to_string(bad) + ")\n"));
+    EXPECT_TRUE(
+        logged_once(LOG_ERR, "libzantrel: Not a valid handle (was " + std::to_string(bad) + ")\n"));
   }
   clear_captured_logs();
   EXPECT_EQ(overlay_table_destroy_overlay(table_, 9), 0);  // free
@@ -270,25 +238,24 @@ TEST_F(TableTest, VersionCountsExactlyTheListedChanges) {
       {"update", [&] { return overlay_table_update_overlay(t, a, &data, nullptr); }, 0, 1},
       {"add global", [&] { return overlay_table_add_overlay_globally(t, a); }, 0, 1},
       {"add global again", [&] { return overlay_table_add_overlay_globally(t, a); }, 0, 1},
-      {"remove global non-member", [&] { return overlay_table_remove_overlay_globally(t, b); },
-       -6, 0},
+      {"remove global non-member", [&] { return overlay_table_remove_overlay_globally(t, b); }, -6,
+       0},
       {"add free handle", [&] { return overlay_table_add_overlay_globally(t, 50); }, -6, 0},
       {"add channel", [&] { return overlay_table_add_overlay_to_channel(t, b, 7); }, 0, 1},
       {"bad channel", [&] { return overlay_table_add_overlay_to_channel(t, b, 16); }, -4, 0},
-      {"remove channel", [&] { return overlay_table_remove_overlay_from_channel(t, b, 7); }, 0,
-       1},
+      {"bad handle and channel", [&] { return overlay_table_add_overlay_to_channel(t, 0, 16); }, -6,
+       0},
+      {"remove channel", [&] { return overlay_table_remove_overlay_from_channel(t, b, 7); }, 0, 1},
       {"add source", [&] { return overlay_table_add_overlay_to_source(t, b); }, 0, 0},
       {"remove source", [&] { return overlay_table_remove_overlay_from_source(t, b); }, 0, 0},
       {"palette", [&] { return overlay_table_set_palette_color(t, &color, 3); }, 0, 0},
-      {"first stream addition", [&] { return overlay_table_add_overlay_to_stream(t, a, 1); }, 0,
-       1},
-      {"second stream addition", [&] { return overlay_table_add_overlay_to_stream(t, b, 1); },
-       0, 0},
+      {"first stream addition", [&] { return overlay_table_add_overlay_to_stream(t, a, 1); }, 0, 1},
+      {"second stream addition", [&] { return overlay_table_add_overlay_to_stream(t, b, 1); }, 0,
+       0},
       {"stream removal", [&] { return overlay_table_remove_overlay_from_stream(t, b, 1); }, 0, 0},
       {"another new stream", [&] { return overlay_table_add_overlay_to_stream(t, b, 2); }, 0, 1},
-      {"gathering", [&] {
-         return overlay_table_get_entries(t, nullptr, entries, handles, 0, 0, 0);
-       }, 0, 0},
+      {"gathering",
+       [&] { return overlay_table_get_entries(t, nullptr, entries, handles, 0, 0, 0); }, 0, 0},
       {"remove global", [&] { return overlay_table_remove_overlay_globally(t, a); }, 0, 1},
       {"destroy stream-only member", [&] { return overlay_table_destroy_overlay(t, b); }, 0, 0},
       {"remove stream table", [&] { return overlay_table_remove_stream(1); }, 0, 0},
@@ -330,19 +297,6 @@ TEST_F(TableTest, UpdateReportsOnlyAReplacedNonZeroKernelId) {
   EXPECT_EQ(entry(60).data.description.ovl.priority, 4);
   EXPECT_EQ(overlay_table_get_entry(table_, 0), nullptr);
   EXPECT_EQ(overlay_table_get_entry(table_, 101), nullptr);
-}
-
-TEST_F(TableTest, FindByKernelIdMatchesOnlyEntriesInUse) {
-  EXPECT_EQ(overlay_table_find_handle_by_kernel_id(table_, 0), -6);  // all free, all id 0
-  int gone = make(OverlaySpec{.kernel_id = 9});
-  int first = make(OverlaySpec{.kernel_id = 9});
-  make(OverlaySpec{.kernel_id = 9});
-  int zero = make(OverlaySpec{.kernel_id = 0});
-  ASSERT_EQ(overlay_table_destroy_overlay(table_, gone), 0);
-  table_->entries[gone - 1].data.kernel_id = 9;  // free, with a leftover id
-  EXPECT_EQ(overlay_table_find_handle_by_kernel_id(table_, 9), first);
-  EXPECT_EQ(overlay_table_find_handle_by_kernel_id(table_, 0), zero);
-  EXPECT_EQ(overlay_table_find_handle_by_kernel_id(table_, 10), -6);
 }
 
 TEST_F(TableTest, PaletteCopyStaysInsideItsSixteenSlots) {
