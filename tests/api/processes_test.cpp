@@ -133,27 +133,6 @@ TEST(CameraProcesses, OwnerApplicationsAndObserver) {
   EXPECT_EQ(WEXITSTATUS(status), 1) << "no table: exit status 1";
 }
 
-TEST(CameraProcesses, OneProcessesOverlayUsedByAnother) {
-  ASSERT_EQ(camsim_reset(), 0);
-  ASSERT_GT(overlay_init(0), 0);
-  overlay ovl = api_test::plain(8, 8);
-  int handle = overlay_create(&ovl);
-  ASSERT_EQ(handle, 1);
-  int status = zantrel::test::run_in_child([handle] {
-    if (overlay_attach(0) <= 0) {
-      return 1;
-    }
-    overlay moved = api_test::plain(8, 8);
-    moved.position.x = 3;
-    int rc = overlay_update(handle, &moved) == 0 && overlay_destroy(handle) == 0 ? 0 : 2;
-    overlay_detach();
-    return rc;
-  });
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(camsim_live_count(), 0);
-  EXPECT_EQ(overlay_deinit(), 0);
-}
-
 TEST(CameraProcesses, ShowDescribesASmallScene) {
   ASSERT_EQ(camsim_reset(), 0);
   ASSERT_GT(overlay_init(0), 0);

@@ -61,14 +61,6 @@ INSTANTIATE_TEST_SUITE_P(
                     FormatCase{OVERLAY_FORMAT_YCBCR_ALPHA, 8, 2, 5, 3, 45},
                     FormatCase{12, -2, 1, 3, 3, 13}, FormatCase{0xFFFFFFFFU, -2, 1, 3, 3, 13}));
 
-TEST(OverlaySize, WrapsAsThirtyTwoBitSignedArithmetic) {
-  // 65536 * 65536 * 4 wraps to 0; 46341^2 * 2 overflows into a negative
-  // product that the driver's arithmetic divides toward zero.
-  EXPECT_EQ(o_calculate_overlay_size(65536, 65536, OVERLAY_FORMAT_ARGB32), 0);
-  EXPECT_EQ(o_calculate_overlay_size(0x80000000U, 1, OVERLAY_FORMAT_PALETTE_4BIT),
-            static_cast<int32_t>(0x80000000U) / 2);
-}
-
 TEST(StandardPalette, CopiesColoursOnlyForOneBit) {
   overlay ovl{};
   ovl.palette_bank = 1;
