@@ -133,6 +133,22 @@ TEST_F(Lifecycle, QueriesPassToTheDevice) {
   EXPECT_EQ(height, 720U);
   overlay_get_max_resolution(0, &width, &height);
   EXPECT_EQ(width, 1920U);
+  // Channel 15 asks "/dev/cam14" with its own key; the driver refuses others.
+  ASSERT_EQ(camsim_set_resolution(15, 640, 360), 0);
+  overlay_get_max_resolution(15, &width, &height);
+  EXPECT_EQ(height, 360U);
+  long opens = camsim_open_count();
+  clear_captured_logs();
+  overlay_get_max_resolution(16, &width, &height);
+  EXPECT_EQ(width, 0U);
+  EXPECT_EQ(height, 0U);
+  EXPECT_EQ(camsim_open_count(), opens);
+  EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: o_get_max_resolution: Invalid channel.\n"));
+  ASSERT_EQ(camsim_inject_fault(CAMSIM_GET_STREAM_CONFIG, 1, EIO), 0);
+  width = 5;
+  overlay_get_max_resolution(2, &width, &height);
+  EXPECT_EQ(width, 0U);
+  EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: Internal error: Input/output error\n"));
 
   clear_captured_logs();
   height = 77;
