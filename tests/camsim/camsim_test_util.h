@@ -1,5 +1,4 @@
-// Helpers shared by the simulator's tests: a node descriptor, raw commands
-// that give back -errno, and overlay records.
+// Helpers for the simulator's tests: commands give back -errno.
 #pragma once
 
 #include <fcntl.h>
@@ -10,84 +9,66 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 
-#include "cam_ioctl.h"
 #include "camsim.h"
 
 namespace camsim_test {
 
-class Node {
- public:
-  explicit Node(const char* path = "/dev/cam0") : fd_(open(path, O_RDWR | O_CLOEXEC)) {}
-  ~Node() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Node(const Node&) = delete;
-  Node& operator=(const Node&) = delete;
-  int fd() const { return fd_; }
+using u32 = std::uint32_t;
 
- private:
-  int fd_;
+struct Node {
+  Node() : fd(open("/dev/cam0", O_RDWR | O_CLOEXEC)) {}
+  ~Node() { close(fd); }
+  const int fd;
 };
 
-// The command's result, or -errno.
 inline int command(int fd, unsigned long request, void* arg) {
   const int rc = ioctl(fd, request, arg);
   return rc < 0 ? -errno : rc;
 }
 
-inline internal_overlay record(std::int32_t type, std::uint32_t w, std::uint32_t h,
-                               std::uint32_t buffers = 1) {
+inline internal_overlay record(int type, u32 w, u32 h, u32 buffers = 1, u32 x = 0, u32 y = 0) {
   internal_overlay r{};
   r.type = type;
-  r.width = w;
-  r.height = h;
+  r.width = r.visible_width = w;
+  r.height = r.visible_height = h;
   r.nbr_buffers = buffers;
-  r.visible_width = w;
-  r.visible_height = h;
   r.palette_bank = 1;
+  r.x = x, r.y = y;
   return r;
 }
 
-// Creates an overlay and returns its id (0 on failure, with a test failure).
-inline std::uint32_t create(int fd, internal_overlay r) {
-  const int rc = command(fd, CAM_IOC_CREATE_OVERLAY, &r);
-  EXPECT_EQ(rc, 0) << "create overlay";
-  return rc == 0 ? r.id : 0;
+inline u32 create(int fd, internal_overlay r) {
+  EXPECT_EQ(command(fd, CAM_IOC_CREATE_OVERLAY, &r), 0) << "create";
+  return r.id;
 }
 
-inline int destroy(int fd, std::uint32_t id) {
+inline int destroy(int fd, u32 id) {
   return command(fd, CAM_IOC_DESTROY_OVERLAY, reinterpret_cast<void*>(std::uintptr_t{id}));
 }
 
-inline int get_buffer(int fd, std::uint32_t id) {
+inline int get_buffer(int fd, u32 id) {
   cam_buffer_query q{};
   q.id = id;
   return command(fd, CAM_IOC_GET_BUFFER, &q);
 }
 
-inline int submit(int fd, std::uint32_t id, std::uint32_t offset, std::uint32_t param = 0) {
-  cam_buffer_submit s{id, param, offset};
+inline int submit(int fd, u32 id, int offset, u32 param = 0) {
+  cam_buffer_submit s{id, param, static_cast<u32>(offset)};
   return command(fd, CAM_IOC_SUBMIT_BUFFER, &s);
 }
 
-// Gets a buffer, fills it through mmap with `fill(bytes, size)`, submits it;
-// the buffer's offset, or -errno.
-template <typename Fill>
-int fill_and_submit(int fd, std::uint32_t id, std::uint32_t size, Fill fill) {
+// Gets a buffer, fills it with `word` through mmap, submits it; its offset or -errno.
+inline int fill_and_submit(int fd, u32 id, u32 size, u32 word) {
   const int offset = get_buffer(fd, id);
   if (offset < 0) return offset;
   void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
   if (map == MAP_FAILED) return -errno;
-  fill(static_cast<unsigned char*>(map), size);
+  for (u32 i = 0; i + 4 <= size; i += 4) std::memcpy(static_cast<char*>(map) + i, &word, 4);
   munmap(map, size);
-  const int rc = submit(fd, id, static_cast<std::uint32_t>(offset));
+  const int rc = submit(fd, id, offset);
   return rc < 0 ? rc : offset;
 }
-
-class CamsimTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(camsim_reset(), 0); }
-};
 
 }  // namespace camsim_test

@@ -1,295 +1,227 @@
-// The simulator's commands through real open/ioctl calls: records, results
-// and refusals.
-#include <fcntl.h>
-#include <unistd.h>
+// Every command through real open/ioctl calls, the buffer ring and composition.
+#include <cairo.h>
 
-#include <cstring>
+#include <algorithm>
 #include <functional>
 #include <set>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "camsim_test_util.h"
 
-// The fortified entry points; declared by the C library only in fortified builds.
-extern "C" int __open_2(const char*, int);
-extern "C" int __open64_2(const char*, int);
-extern "C" int __openat_2(int, const char*, int);
-extern "C" int __openat64_2(int, const char*, int);
+extern "C" int __open_2(const char*, int);  // the fortified open
 
 namespace camsim_test {
 namespace {
 
-using DriverCommands = CamsimTest;
-
-struct RefusedCreate {
-  const char* name;
-  std::function<void(internal_overlay&)> change;
-  int error;
-};
-
-TEST_F(DriverCommands, CreateRefusesBadRecords) {
-  const std::vector<RefusedCreate> cases = {
-      {"negative type", [](auto& r) { r.type = -1; }, EINVAL},
-      {"type 9", [](auto& r) { r.type = 9; }, EINVAL},
-      {"zero width", [](auto& r) { r.width = 0; }, EINVAL},
-      {"zero height", [](auto& r) { r.height = 0; }, EINVAL},
-      {"no buffers", [](auto& r) { r.nbr_buffers = 0; }, EINVAL},
-      {"five buffers", [](auto& r) { r.nbr_buffers = 5; }, EINVAL},
-      {"palette bank 2", [](auto& r) { r.palette_bank = 2; }, EINVAL},
-      {"visible wider than overlay", [](auto& r) { r.visible_width = r.width + 1; }, EINVAL},
-      {"normalized y past the frame",
-       [](auto& r) {
-         r.coord_type = OVERLAY_COORDS_NORMALIZED;
-         r.y = 16385;
-       },
-       EINVAL},
-      {"larger than the arena", [](auto& r) { r.width = r.height = 8192; }, ENOMEM},
-  };
-  Node node;
-  for (const auto& c : cases) {
-    internal_overlay r = record(4, 64, 32);
-    c.change(r);
-    EXPECT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), -c.error) << c.name;
-    EXPECT_EQ(r.id, 0u) << c.name;
-  }
-  EXPECT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, nullptr), -EFAULT);
-  EXPECT_EQ(camsim_live_count(), 0);
-  EXPECT_EQ(camsim_call_count(CAMSIM_CREATE_OVERLAY), static_cast<long>(cases.size()) + 1);
+using L = std::vector<long>;  // results of commands, collected in order with <<
+L operator<<(L results, long v) {
+  results.push_back(v);
+  return results;
 }
 
-TEST_F(DriverCommands, CreateSizesBuffersByInternalType) {
-  struct Case {
-    std::int32_t type;
-    std::uint32_t w, h, bytes;
-  };
-  const Case cases[] = {{0, 3, 3, 4},  {1, 3, 3, 13}, {2, 3, 3, 9}, {3, 3, 3, 18},
-                        {4, 3, 3, 36}, {5, 3, 3, 9},  {6, 7, 5, 5}, {6, 9, 2, 4},
-                        {7, 2, 2, 10}, {8, 3, 3, 27}, {0, 1, 1, 0}};
-  Node node;
-  for (const auto& c : cases) {
-    internal_overlay r = record(c.type, c.w, c.h);
-    r.reserved2 = 0xABCD;  // travels with the record
-    ASSERT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), 0) << "type " << c.type;
-    EXPECT_NE(r.id, 0u);
-    EXPECT_EQ(r.buffer_size, c.bytes) << "type " << c.type << " " << c.w << "x" << c.h;
-    internal_overlay got{};
-    got.id = r.id;
-    ASSERT_EQ(command(node.fd(), CAM_IOC_GET_OVERLAY, &got), 0);
-    EXPECT_EQ(std::memcmp(&got, &r, sizeof r), 0) << "type " << c.type;
-  }
+int fd;  // each row of the table runs on a reset driver holding `made`
+internal_overlay made;
+
+// Creates `made` with one field changed; a refused create leaves nothing.
+template <typename F, typename V>
+long create_with(F internal_overlay::*field, V value) {
+  internal_overlay r = made;
+  r.*field = value;
+  const int before = camsim_live_count(), rc = command(fd, CAM_IOC_CREATE_OVERLAY, &r);
+  return rc < 0 && camsim_live_count() != before ? 1 : rc;
 }
 
-TEST_F(DriverCommands, IdsAreNonZeroAndUniqueAmongLiveOverlays) {
-  Node node;
-  std::vector<std::uint32_t> ids;
-  for (int i = 0; i < 20; ++i) ids.push_back(create(node.fd(), record(2, 8, 8)));
-  for (int i = 0; i < 20; i += 2) ASSERT_EQ(destroy(node.fd(), ids[i]), 0);
-  for (int i = 0; i < 30; ++i) create(node.fd(), record(2, 8, 8));
-  std::vector<std::uint32_t> live(CAMSIM_MAX_OVERLAYS);
-  const int n = camsim_live_ids(live.data(), CAMSIM_MAX_OVERLAYS);
-  ASSERT_EQ(n, 40);
-  live.resize(n);
-  EXPECT_EQ(std::set<std::uint32_t>(live.begin(), live.end()).size(), live.size());
-  EXPECT_EQ(std::count(live.begin(), live.end(), 0u), 0);
+// The buffer size of a new overlay, which get must give back as created.
+long size_of(int type, u32 w, u32 h) {
+  internal_overlay r = record(type, w, h), got{};
+  r.reserved2 = 0xABCD;
+  got.id = command(fd, CAM_IOC_CREATE_OVERLAY, &r) == 0 ? r.id : 0;
+  command(fd, CAM_IOC_GET_OVERLAY, &got);
+  return std::memcmp(&got, &r, sizeof r) == 0 ? r.buffer_size : -1;
 }
 
-TEST_F(DriverCommands, UnknownIdsAreRefused) {
-  Node node;
-  const std::uint32_t id = create(node.fd(), record(2, 8, 8));
-  ASSERT_EQ(destroy(node.fd(), id), 0);  // a destroyed id is unknown again
-  for (std::uint32_t unknown : {0u, id, 4242u}) {
-    internal_overlay r = record(2, 8, 8);
-    r.id = unknown;
-    EXPECT_EQ(command(node.fd(), CAM_IOC_GET_OVERLAY, &r), -ENOENT) << unknown;
-    EXPECT_EQ(command(node.fd(), CAM_IOC_MODIFY_OVERLAY, &r), -EINVAL) << unknown;
-    EXPECT_EQ(destroy(node.fd(), unknown), -EINVAL) << unknown;
-    EXPECT_EQ(submit(node.fd(), unknown, 0x10000), -EINVAL) << unknown;
-    EXPECT_EQ(get_buffer(node.fd(), unknown), -EINVAL) << unknown;
-    cam_source_params p{CAM_SOURCE_ADD, unknown, {}};
-    EXPECT_EQ(command(node.fd(), CAM_IOC_SOURCE_PARAMS, &p), -EINVAL) << unknown;
-  }
+long source(u32 op, u32 id) {
+  cam_source_params p{op, id, {}};
+  return command(fd, CAM_IOC_SOURCE_PARAMS, &p);
 }
 
-TEST_F(DriverCommands, ModifyMovesTheOverlayAndNullRefreshes) {
-  Node node;
-  const std::uint32_t id = create(node.fd(), record(4, 100, 50));
-  internal_overlay m = record(2, 1, 1);  // size and type of a modify are not taken
-  m.id = id;
-  m.x = 8192;
-  m.y = 16384;
-  m.visible_width = 100;
-  m.visible_height = 25;
-  m.coord_type = OVERLAY_COORDS_NORMALIZED;
-  ASSERT_EQ(command(node.fd(), CAM_IOC_MODIFY_OVERLAY, &m), 0);
-  internal_overlay got{};
-  ASSERT_EQ(camsim_get_overlay(id, &got), 0);
-  EXPECT_EQ(got.x, 8192u);
-  EXPECT_EQ(got.y, 16384u);
-  EXPECT_EQ(got.visible_height, 25u);
-  EXPECT_EQ(got.coord_type, 2u);
-  EXPECT_EQ(got.width, 100u);
-  EXPECT_EQ(got.type, 4);
-
-  m.visible_width = 101;
-  EXPECT_EQ(command(node.fd(), CAM_IOC_MODIFY_OVERLAY, &m), -EINVAL);
-  EXPECT_EQ(camsim_refresh_count(), 0);
-  EXPECT_EQ(command(node.fd(), CAM_IOC_MODIFY_OVERLAY, nullptr), 0);
-  EXPECT_EQ(camsim_refresh_count(), 1);
-  EXPECT_EQ(camsim_call_count(CAMSIM_MODIFY_OVERLAY), 3);
+long palette(std::uint8_t index, std::uint8_t bank) {
+  cam_palette_color c{index, bank, 76, 85, 255, 200, {0, 0}, 1};
+  return command(fd, CAM_IOC_SET_PALETTE_COLOR, &c);
 }
 
-TEST_F(DriverCommands, SourceListHoldsEightOverlays) {
-  Node node;
-  std::vector<std::uint32_t> ids;
-  for (int i = 0; i < 9; ++i) ids.push_back(create(node.fd(), record(2, 8, 8)));
-  auto source = [&](std::uint32_t op, std::uint32_t id) {
-    cam_source_params p{op, id, {}};
-    return command(node.fd(), CAM_IOC_SOURCE_PARAMS, &p);
-  };
-  for (int i = 0; i < 8; ++i) ASSERT_EQ(source(CAM_SOURCE_ADD, ids[i]), 0);
-  EXPECT_EQ(source(CAM_SOURCE_ADD, ids[0]), 0);  // already there: no second place
-  EXPECT_EQ(source(CAM_SOURCE_ADD, ids[8]), -ENOBUFS);
-  EXPECT_EQ(source(CAM_SOURCE_REMOVE, ids[8]), -ENOENT);
-  EXPECT_EQ(source(CAM_SOURCE_REMOVE, 999), -EINVAL);
-  EXPECT_EQ(source(2, ids[0]), -EINVAL);
-
-  camsim_overlay_info info{};
-  ASSERT_EQ(camsim_get_overlay_info(ids[3], &info), 0);
-  EXPECT_EQ(info.in_source, 1u);
-  ASSERT_EQ(destroy(node.fd(), ids[3]), 0);  // destroy frees its place
-  EXPECT_EQ(source(CAM_SOURCE_ADD, ids[8]), 0);
-  ASSERT_EQ(source(CAM_SOURCE_REMOVE, ids[0]), 0);
-  EXPECT_EQ(source(CAM_SOURCE_REMOVE, ids[0]), -ENOENT);
-}
-
-TEST_F(DriverCommands, PaletteBanksKeepTheRecordsReceived) {
-  Node node;
-  struct Case {
-    std::uint8_t index, bank;
-    int result;
-  };
-  const Case cases[] = {{0, 0, 0},        {15, 1, 0},      {3, 1, 0},
-                        {16, 0, -EINVAL}, {2, 2, -EINVAL}, {255, 1, -EINVAL}};
-  for (const auto& c : cases) {
-    cam_palette_color color{c.index, c.bank, 76, 85, 255, 200, {0, 0}, 1};
-    EXPECT_EQ(command(node.fd(), CAM_IOC_SET_PALETTE_COLOR, &color), c.result)
-        << int{c.index} << "/" << int{c.bank};
-  }
-  cam_palette_color entries[2][16];
-  std::uint8_t written[2][16];
-  ASSERT_EQ(camsim_read_palette(0, entries[0], written[0]), 0);
-  ASSERT_EQ(camsim_read_palette(1, entries[1], written[1]), 0);
-  int count = 0;
-  for (int bank = 0; bank < 2; ++bank)
-    for (int i = 0; i < 16; ++i) count += written[bank][i];
-  EXPECT_EQ(count, 3);
-  EXPECT_TRUE(written[0][0] && written[1][15] && written[1][3]);
-  EXPECT_EQ(entries[1][3].luma, 76);
-  EXPECT_EQ(entries[1][3].cr, 255);
-  EXPECT_EQ(entries[1][3].alpha, 200);
-  EXPECT_EQ(entries[1][3].flag, 1);
-  EXPECT_EQ(camsim_read_palette(2, entries[0], written[0]), -1);
-}
-
-TEST_F(DriverCommands, StreamConfigurationReportsChannelResolution) {
-  struct Case {
-    unsigned channel;
-    const char* node;
-    std::uint32_t key;
-  };
-  const Case cases[] = {
-      {0, "/dev/camquad", 0xFF00}, {1, "/dev/cam0", 0x0000}, {15, "/dev/cam14", 0x0E00}};
-  for (const auto& c : cases)
-    ASSERT_EQ(camsim_set_resolution(c.channel, 640 + c.channel, 480 + c.channel), 0);
-  for (const auto& c : cases) {
-    Node node(c.node);
-    ASSERT_GE(node.fd(), 0) << c.node;
-    cam_stream_config config{};
-    config.channel_key = c.key;
-    std::memset(config.reserved2, 0x5A, sizeof config.reserved2);
-    ASSERT_EQ(command(node.fd(), CAM_IOC_GET_STREAM_CONFIG, &config), 0) << c.node;
-    EXPECT_EQ(config.max_width, 640 + c.channel);
-    EXPECT_EQ(config.max_height, 480 + c.channel);
-    EXPECT_EQ(config.reserved2[379], 0x5A);
-    EXPECT_EQ(command(node.fd(), CAM_IOC_RETURN_STREAM_CONFIG, &config), 0);
-  }
-  Node node("/dev/cam3");
+long max_width(const char* path, u32 key, bool fortified = false) {
+  const int node = fortified ? __open_2(path, O_RDWR) : open(path, O_RDWR);
   cam_stream_config config{};
-  config.channel_key = 0x0200;  // channel 3 keeps the default
-  ASSERT_EQ(command(node.fd(), CAM_IOC_GET_STREAM_CONFIG, &config), 0);
-  EXPECT_EQ(config.max_width, 1920u);
-  EXPECT_EQ(config.max_height, 1080u);
-  for (std::uint32_t bad : {0x0F00u, 0x0001u, 0x10000u}) {
-    config.channel_key = bad;
-    EXPECT_EQ(command(node.fd(), CAM_IOC_GET_STREAM_CONFIG, &config), -EINVAL) << bad;
-  }
+  config.channel_key = key;
+  const int rc = command(node, CAM_IOC_GET_STREAM_CONFIG, &config);
+  if (rc == 0) command(node, CAM_IOC_RETURN_STREAM_CONFIG, &config);
+  close(node);
+  return rc < 0 ? long{rc} : long{config.max_width};
 }
 
-TEST_F(DriverCommands, OnlyTheSimulatorsNodesAndDescriptorsAreTakenOver) {
-  for (const char* path : {"/dev/cam15", "/dev/cam", "/dev/cam01", "/dev/camquad0"}) {
-    errno = 0;
-    EXPECT_LT(open(path, O_RDWR), 0) << path;
-    EXPECT_EQ(errno, ENOENT) << path;
-  }
-  // Every entry point the C library offers for opening, fortified ones too.
-  const std::vector<std::pair<const char*, std::function<int(const char*)>>> openers = {
-      {"open", [](const char* p) { return open(p, O_RDWR); }},
-      {"open64", [](const char* p) { return open64(p, O_RDWR); }},
-      {"openat", [](const char* p) { return openat(AT_FDCWD, p, O_RDWR); }},
-      {"openat64", [](const char* p) { return openat64(AT_FDCWD, p, O_RDWR); }},
-      {"__open_2", [](const char* p) { return __open_2(p, O_RDWR); }},
-      {"__open64_2", [](const char* p) { return __open64_2(p, O_RDWR); }},
-      {"__openat_2", [](const char* p) { return __openat_2(AT_FDCWD, p, O_RDWR); }},
-      {"__openat64_2", [](const char* p) { return __openat64_2(AT_FDCWD, p, O_RDWR); }},
+TEST(DriverCommands, RecordsAndErrors) {
+  using O = internal_overlay;
+  const std::tuple<const char*, L, std::function<L()>> rows[] = {
+      {"create",
+       L{-EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -ENOMEM, 0,
+         -EFAULT},
+       [] {
+         return L() << create_with(&O::type, -1) << create_with(&O::type, 9)
+                    << create_with(&O::width, 0u) << create_with(&O::nbr_buffers, 0u)
+                    << create_with(&O::nbr_buffers, 5u) << create_with(&O::palette_bank, 2u)
+                    << create_with(&O::visible_width, 65u) << create_with(&O::y, 16385u)
+                    << create_with(&O::height, 1u << 20) << create_with(&O::y, 16384u)
+                    << command(fd, CAM_IOC_CREATE_OVERLAY, nullptr);
+       }},
+      {"buffer sizes by type", L{4, 0, 13, 9, 18, 36, 9, 5, 4, 10, 27},
+       [] {
+         return L() << size_of(0, 3, 3) << size_of(0, 1, 1) << size_of(1, 3, 3) << size_of(2, 3, 3)
+                    << size_of(3, 3, 3) << size_of(4, 3, 3) << size_of(5, 3, 3) << size_of(6, 7, 5)
+                    << size_of(6, 9, 2) << size_of(7, 2, 2) << size_of(8, 3, 3);
+       }},
+      {"64 live overlays, ids non-zero and unique", L{CAMSIM_MAX_OVERLAYS, 0, -ENOMEM},
+       [] {
+         u32 ids[CAMSIM_MAX_OVERLAYS] = {create(fd, record(2, 8, 8)), create(fd, record(2, 8, 8))};
+         destroy(fd, ids[0]);
+         while (camsim_live_count() < CAMSIM_MAX_OVERLAYS) create(fd, record(2, 8, 8));
+         const std::set<u32> live(ids, ids + camsim_live_ids(ids, CAMSIM_MAX_OVERLAYS));
+         return L() << live.size() << live.count(0) << create_with(&O::x, 0u);
+       }},
+      {"modify takes position, visible size and coordinates only",
+       L{0, 0, 0, -EINVAL, -EINVAL, 0, 1},
+       [] {
+         internal_overlay m = record(2, 1, 1, 1, 8192, 16384), got{}, want = made;
+         internal_overlay tall = made, gone = made;
+         want.id = m.id = made.id, tall.visible_height = 33, gone.id = 4242;
+         want.x = 8192, want.y = 16384, want.visible_width = want.visible_height = 1;
+         want.coord_type = 0;  // pixels
+         return L() << command(fd, CAM_IOC_MODIFY_OVERLAY, &m) << camsim_get_overlay(made.id, &got)
+                    << std::memcmp(&got, &want, sizeof got)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &tall)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &gone)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, nullptr) << camsim_refresh_count();
+       }},
+      {"buffers and destroy",
+       L{-EINVAL, -EINVAL, 0, 0, 7, 0, 1, -EINVAL, -EINVAL, -EINVAL, -ENOENT},
+       [] {
+         camsim_overlay_info info{};
+         const int own = get_buffer(fd, made.id);
+         return L() << submit(fd, made.id, get_buffer(fd, create(fd, record(2, 8, 8))))
+                    << submit(fd, made.id, own + 1) << submit(fd, made.id, own, 7)
+                    << camsim_get_overlay_info(made.id, &info) << info.last_param
+                    << destroy(fd, made.id) << camsim_live_count() << destroy(fd, made.id)
+                    << get_buffer(fd, made.id) << submit(fd, made.id, own)
+                    << command(fd, CAM_IOC_GET_OVERLAY, &made);
+       }},
+      {"source list of 8",
+       L{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, -ENOBUFS, -ENOENT, -EINVAL, -EINVAL, 0, 0},
+       [] {
+         L r = L() << source(CAM_SOURCE_ADD, made.id) << source(CAM_SOURCE_ADD, made.id);
+         for (int i = 0; i < 7; ++i) r = r << source(CAM_SOURCE_ADD, create(fd, record(2, 8, 8)));
+         const u32 ninth = create(fd, record(2, 8, 8));
+         camsim_overlay_info info{};
+         return r << camsim_get_overlay_info(made.id, &info) << info.in_source
+                  << source(CAM_SOURCE_ADD, ninth) << source(CAM_SOURCE_REMOVE, ninth)
+                  << source(CAM_SOURCE_ADD, 4242) << source(2, ninth) << destroy(fd, made.id)
+                  << source(CAM_SOURCE_ADD, ninth);
+       }},
+      {"palette", L{0, -EINVAL, -EINVAL, 0, 1, 1, 0},
+       [] {
+         cam_palette_color entries[16], want{3, 1, 76, 85, 255, 200, {0, 0}, 1};
+         std::uint8_t written[16];
+         return L() << palette(3, 1) << palette(16, 0) << palette(2, 2)
+                    << camsim_read_palette(1, entries, written)
+                    << std::count(written, written + 16, 1) << written[3]
+                    << std::memcmp(&entries[3], &want, sizeof want);
+       }},
+      {"stream configuration and nodes",
+       L{655, 700, 1920, -EINVAL, -EINVAL, -ENOTTY, -1, -ENOTTY, 1},
+       [] {
+         camsim_set_resolution(15, 655, 1), camsim_set_resolution(0, 700, 1);
+         return L() << max_width("/dev/cam14", 0xE00) << max_width("/dev/camquad", 0xFF00)
+                    << max_width("/dev/cam3", 0x200, true) << max_width("/dev/cam0", 0xF00)
+                    << max_width("/dev/cam0", 1) << max_width("/dev/null", 0)
+                    << open("/dev/cam15", O_RDWR) << command(fd, 0x40043799u, nullptr)
+                    << camsim_call_count(CAMSIM_UNKNOWN_COMMAND);
+       }},
   };
-  const char* nodes[] = {"/dev/cam0", "/dev/cam9", "/dev/cam14", "/dev/camquad"};
-  for (std::size_t i = 0; i < openers.size(); ++i) {
-    const int fd = openers[i].second(nodes[i % 4]);
-    cam_stream_config config{};
-    EXPECT_EQ(command(fd, CAM_IOC_GET_STREAM_CONFIG, &config), 0) << openers[i].first;
-    close(fd);
-    const int other = openers[i].second("/dev/null");
-    EXPECT_EQ(command(other, CAM_IOC_GET_STREAM_CONFIG, &config), -ENOTTY) << openers[i].first;
-    close(other);
+  for (const auto& [name, want, run] : rows) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(camsim_reset(), 0);
+    Node node;
+    fd = node.fd;
+    made = record(4, 64, 32, 2);
+    made.coord_type = OVERLAY_COORDS_NORMALIZED;
+    ASSERT_EQ(command(fd, CAM_IOC_CREATE_OVERLAY, &made), 0);
+    EXPECT_EQ(run(), want);
   }
-  EXPECT_EQ(camsim_open_count(), 8);
-  EXPECT_EQ(camsim_call_count(CAMSIM_GET_STREAM_CONFIG), 8);
-  ASSERT_EQ(camsim_reset(), 0);
-
-  int pipe_fds[2];
-  ASSERT_EQ(pipe(pipe_fds), 0);
-  internal_overlay r = record(2, 8, 8);
-  EXPECT_EQ(command(pipe_fds[0], CAM_IOC_CREATE_OVERLAY, &r), -ENOTTY);  // the kernel's answer
-  close(pipe_fds[0]);
-  close(pipe_fds[1]);
-  EXPECT_EQ(camsim_total_calls(), 0);
-
-  Node node;
-  const int copy = dup(node.fd());
-  EXPECT_EQ(command(copy, 0x40043799u, nullptr), -ENOTTY);
-  close(copy);
-  EXPECT_EQ(camsim_call_count(CAMSIM_UNKNOWN_COMMAND), 1);
-
-  EXPECT_EQ(access("/dev/galcore", F_OK), 0);
-  ASSERT_EQ(camsim_set_galcore(0), 0);
-  EXPECT_EQ(access("/dev/galcore", F_OK), -1);
-  EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(DriverCommands, InjectedFaultsRefuseTheNextCalls) {
+class BufferRing : public ::testing::TestWithParam<u32> {};
+
+TEST_P(BufferRing, ShownBufferIsNeverHandedOut) {
+  const u32 n = GetParam(), size = 64 * 64;
+  ASSERT_EQ(camsim_reset(), 0);
   Node node;
-  ASSERT_EQ(camsim_inject_fault(CAMSIM_CREATE_OVERLAY, 2, EIO), 0);
-  internal_overlay r = record(2, 8, 8);
-  EXPECT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), -EIO);
-  EXPECT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), -EIO);
-  EXPECT_EQ(camsim_live_count(), 0);
-  EXPECT_EQ(command(node.fd(), CAM_IOC_CREATE_OVERLAY, &r), 0);
-  EXPECT_EQ(camsim_live_count(), 1);
-  EXPECT_EQ(camsim_call_count(CAMSIM_CREATE_OVERLAY), 3);
-  EXPECT_EQ(camsim_call_count(CAMSIM_GET_OVERLAY), 0);
-  EXPECT_EQ(camsim_inject_fault(CAMSIM_UNKNOWN_COMMAND, 1, EIO), -1);
+  const u32 id = create(node.fd, record(2, 64, 64, n));
+  std::vector<int> offsets;
+  for (u32 round = 1; round <= 7; ++round) {
+    const int offset = fill_and_submit(node.fd, id, size, 0x01010101u * round);
+    ASSERT_GT(offset, 0);
+    EXPECT_NE(offset, n > 1 && round > 1 ? offsets.back() : 0);  // not the shown one
+    offsets.push_back(offset);
+    unsigned char seen = 0;
+    ASSERT_EQ(camsim_read_shown_buffer(id, &seen, 1), long{size});
+    EXPECT_EQ(seen, round);
+  }
+  EXPECT_EQ(std::set<int>(offsets.begin(), offsets.end()).size(), n);
+  for (std::size_t i = n; i < offsets.size(); ++i) EXPECT_EQ(offsets[i], offsets[i - n]);
+  if (n == 1) return;
+  // Two writers at once get the other two; a submit frees the shown one.
+  const int shown = offsets.back(), a = get_buffer(node.fd, id), b = get_buffer(node.fd, id);
+  EXPECT_EQ(std::set<int>({shown, a, b}).size(), 3u);
+  EXPECT_EQ(get_buffer(node.fd, id), a);
+  ASSERT_EQ(submit(node.fd, id, a), 0);
+  const std::set<int> next = {get_buffer(node.fd, id), get_buffer(node.fd, id)};
+  EXPECT_EQ(next, std::set<int>({shown, b}));
+}
+
+INSTANTIATE_TEST_SUITE_P(OneAndThree, BufferRing, ::testing::Values(1u, 3u));
+
+TEST(Compose, OverlaysLandWhereTheirPositionSays) {
+  constexpr u32 kRed = 0xFFFF0000, kGreen = 0xFF00FF00, kBlue = 0xFF0000FF,
+                kDark = 0xFF404040;  // the test picture where x / 16 + y / 16 is even
+  ASSERT_EQ(camsim_reset(), 0);
+  Node node;
+  auto shown = [&](internal_overlay r, u32 argb) {
+    const u32 id = create(node.fd, r);
+    EXPECT_GT(fill_and_submit(node.fd, id, r.width * r.height * 4, argb), 0);
+    return id;
+  };
+  internal_overlay half = record(4, 20, 20, 1, 32, 32), scaled = record(4, 8, 6, 1, 8192, 8192);
+  half.visible_width = 10;
+  scaled.coord_type = OVERLAY_COORDS_NORMALIZED;                  // at (128, 64) of 256x128
+  u32 ids[8] = {shown(half, kRed), shown(scaled, kGreen), 4242};  // place 0 on top
+  ids[7] = shown(record(4, 20, 20, 1, 32, 32), kBlue);
+  const std::string path = ::testing::TempDir() + "camsim_compose.png";
+  ASSERT_EQ(camsim_compose(ids, 256, 128, path.c_str()), 3);
+  cairo_surface_t* png = cairo_image_surface_create_from_png(path.c_str());
+  unlink(path.c_str());
+  ASSERT_EQ(cairo_surface_status(png), CAIRO_STATUS_SUCCESS);
+  ASSERT_EQ(cairo_image_surface_get_width(png), 256);
+  const unsigned char* data = cairo_image_surface_get_data(png);
+  const std::tuple<int, int, u32> points[] = {
+      {0, 0, kDark},   {32, 32, kRed},    {41, 51, kRed},    {42, 40, kBlue},  {51, 51, kBlue},
+      {52, 52, kDark}, {128, 64, kGreen}, {135, 69, kGreen}, {136, 64, kDark}, {128, 70, kDark}};
+  for (auto [x, y, argb] : points) {
+    u32 v;
+    std::memcpy(&v, data + y * cairo_image_surface_get_stride(png) + 4 * x, 4);
+    EXPECT_EQ(v, argb) << x << "," << y;
+  }
+  cairo_surface_destroy(png);
 }
 
 }  // namespace
