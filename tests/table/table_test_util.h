@@ -1,12 +1,16 @@
-// Helpers shared by the table tests: a fresh table mapped and locked for each
-// test, overlays of a given priority and kind, and readable set contents.
+// Helpers of the table tests: a fresh table mapped and locked for each test,
+// overlays, set contents as handles, and one random operation.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
-#include <initializer_list>
+#include <functional>
+#include <random>
 #include <vector>
 
 #include "table.h"
@@ -15,89 +19,98 @@
 
 namespace zantrel::test {
 
-struct OverlaySpec {
-  int32_t priority = 0;
-  int32_t type = OVERLAY_TYPE_TEXT;
-  uint32_t legacy = 0;
-  uint32_t ignore_filter = 0;
-  int32_t kernel_id = 0;
-};
-
-inline overlay_entry_data entry_data(const OverlaySpec& spec) {
+inline overlay_entry_data entry_data(int32_t priority, int32_t type = OVERLAY_TYPE_TEXT,
+                                     uint32_t legacy = 0, uint32_t ignore_filter = 0) {
   overlay_entry_data data{};
-  data.kernel_id = spec.kernel_id;
-  data.type = spec.type;
-  data.width = 64;
-  data.height = 32;
-  data.description.ovl.priority = spec.priority;
-  data.description.ovl.legacy = spec.legacy;
-  data.description.ovl.ignore_stream_filter = spec.ignore_filter;
+  data.type = type;
+  data.description.ovl.priority = priority;
+  data.description.ovl.ignore_stream_filter = ignore_filter;
+  data.description.ovl.legacy = legacy;
   return data;
 }
 
-// A set as handles (index + 1), -1 for empty places, for readable failures.
-inline std::vector<int> handles_of(const int8_t* set, int places = OVERLAY_SET_PLACES) {
+// A set as handles (index + 1), -1 for empty places.
+inline std::vector<int> handles_of(const int8_t* set) {
   std::vector<int> out;
-  for (int i = 0; i < places; ++i) {
-    out.push_back(set[i] >= 0 ? set[i] + 1 : set[i]);
-  }
+  for (int i = 0; i < OVERLAY_SET_PLACES; ++i) out.push_back(set[i] >= 0 ? set[i] + 1 : set[i]);
   return out;
 }
 
-// Expected set: the given handles, then -1 up to the set's size.
-inline std::vector<int> set_of(std::initializer_list<int> handles,
-                               int places = OVERLAY_SET_PLACES) {
-  std::vector<int> out(handles);
-  out.resize(places, -1);
-  return out;
+// The given handles, then `empty` up to the size of a set.
+inline std::vector<int> set_of(std::vector<int> handles, int empty = -1) {
+  handles.resize(OVERLAY_SET_PLACES, empty);
+  return handles;
 }
 
-// The set of a stream table as handles; empty when the stream has no table.
+// A stream's set; all empty when the stream has no table.
 inline std::vector<int> read_stream(int stream) {
-  overlay_stream_table* stream_table = overlay_table_map_stream(stream);
-  if (stream_table == MAP_FAILED) {
-    return set_of({});
-  }
-  std::vector<int> out = handles_of(stream_table->handles);
-  overlay_table_unmap_stream(stream_table);
+  overlay_stream_table* mapped = overlay_table_map_stream(stream);
+  if (mapped == MAP_FAILED) return set_of({});
+  std::vector<int> out = handles_of(mapped->handles);
+  overlay_table_unmap_stream(mapped);
   return out;
 }
 
-inline bool shm_file_exists(const char* name) {
-  std::string path = std::string("/dev/shm") + name;
-  return access(path.c_str(), F_OK) == 0;
+// One random operation with handles -1 to `handles`, channels 0 to 17 and
+// streams 0 to 2, whose result must be one the operation is known to give.
+// Priorities never change, so sets stay ordered.
+inline void random_operation(overlay_table* t, std::mt19937& rng, int handles) {
+  auto pick = [&rng](std::size_t n) { return static_cast<int>(rng() % n); };
+  int h = pick(handles + 2) - 1, s = pick(3);
+  unsigned channel = pick(18);
+  overlay_entry_data data = entry_data(pick(6) - 1, pick(7));
+  overlay_stream_table* stream = overlay_table_map_stream(s);
+  stream = stream == MAP_FAILED ? nullptr : stream;
+  overlay_table_entry entries[OVERLAY_SET_PLACES], *sources[OVERLAY_SET_PLACES];
+  int32_t out[OVERLAY_SET_PLACES];
+  const std::function<int()> ops[] = {
+      [&] { return overlay_table_get_entries(t, stream, entries, out, channel, 0, pick(8)); },
+      [&] { return std::min(overlay_table_create_overlay(t, &data), 0); },
+      [&] { return overlay_table_destroy_overlay(t, h); },
+      [&] { return std::min(overlay_table_find_handle_by_kernel_id(t, pick(3)), 0); },
+      [&] { return overlay_table_add_overlay_globally(t, h); },
+      [&] { return overlay_table_remove_overlay_globally(t, h); },
+      [&] { return overlay_table_add_overlay_to_source(t, h); },
+      [&] { return overlay_table_get_source_entries(t, sources, pick(9)); },
+      [&] { return overlay_table_add_overlay_to_channel(t, h, channel); },
+      [&] { return overlay_table_remove_overlay_from_channel(t, h, channel); },
+      [&] { return overlay_table_add_overlay_to_stream(t, h, s); },
+      [&] { return overlay_table_remove_overlay_from_stream(t, h, s); },
+  };
+  int op = pick(std::size(ops)), rc = ops[op]();
+  EXPECT_TRUE(rc == 0 || rc == -1 || rc == -2 || rc == -4 || rc == -6 || rc == -9 || rc == -10)
+      << "operation " << op << " returned " << rc;
+  if (stream != nullptr) overlay_table_unmap_stream(stream);
 }
 
-// A fresh "/ovl_table", mapped and locked by this process.
 class TableTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(overlay_table_init(), 0);
-    table_ = overlay_table_map();
-    ASSERT_NE(table_, MAP_FAILED);
+    ASSERT_NE(table_ = overlay_table_map(), MAP_FAILED);
     ASSERT_EQ(overlay_table_lock(table_), 0);
-    locked_ = true;
     clear_captured_logs();
   }
   void TearDown() override {
-    if (table_ != MAP_FAILED && table_ != nullptr) {
-      if (locked_) {
-        overlay_table_unlock(table_);
-      }
-      overlay_table_unmap(table_);
-    }
+    overlay_table_unlock(table_);
+    overlay_table_unmap(table_);
   }
 
-  int make(const OverlaySpec& spec) {
-    overlay_entry_data data = entry_data(spec);
+  int make(int32_t priority, int32_t type = OVERLAY_TYPE_TEXT, uint32_t legacy = 0,
+           uint32_t ignore_filter = 0) {
+    overlay_entry_data data = entry_data(priority, type, legacy, ignore_filter);
     return overlay_table_create_overlay(table_, &data);
   }
-  int make(int32_t priority) { return make(OverlaySpec{.priority = priority}); }
 
-  overlay_table_entry& entry(int handle) { return table_->entries[handle - 1]; }
+  // Handles gathered for a channel, -6 in empty places.
+  std::vector<int> gather(overlay_stream_table* stream, unsigned filter = 7, unsigned channel = 2) {
+    int32_t handles[OVERLAY_SET_PLACES];
+    EXPECT_EQ(overlay_table_get_entries(table_, stream, entries_, handles, channel, 0, filter), 0);
+    return {handles, handles + OVERLAY_SET_PLACES};
+  }
 
   overlay_table* table_ = static_cast<overlay_table*>(MAP_FAILED);
-  bool locked_ = false;
+  overlay_table_entry entries_[OVERLAY_SET_PLACES];
 };
 
 }  // namespace zantrel::test
