@@ -50,40 +50,33 @@ int missing(void) {
 
 #define CAMSIM_INTERPOSED extern "C" __attribute__((visibility("default")))
 
-CAMSIM_INTERPOSED int open(const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (takes_mode(flags)) {
-    va_list ap;
-    va_start(ap, flags);
-    mode = static_cast<mode_t>(va_arg(ap, int));
-    va_end(ap);
+// The optional mode argument of an open call: va_start needs the variadic
+// function's own frame, so this cannot be a function.
+#define CAMSIM_READ_MODE(mode, flags)            \
+  mode_t mode = 0;                               \
+  if (takes_mode(flags)) {                       \
+    va_list ap;                                  \
+    va_start(ap, flags);                         \
+    mode = static_cast<mode_t>(va_arg(ap, int)); \
+    va_end(ap);                                  \
   }
+
+CAMSIM_INTERPOSED int open(const char* path, int flags, ...) {
+  CAMSIM_READ_MODE(mode, flags);
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(open, open_fn);
   return next != nullptr ? next(path, flags, mode) : missing();
 }
 
 CAMSIM_INTERPOSED int open64(const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (takes_mode(flags)) {
-    va_list ap;
-    va_start(ap, flags);
-    mode = static_cast<mode_t>(va_arg(ap, int));
-    va_end(ap);
-  }
+  CAMSIM_READ_MODE(mode, flags);
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(open64, open_fn);
   return next != nullptr ? next(path, flags, mode) : missing();
 }
 
 CAMSIM_INTERPOSED int openat(int dirfd, const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (takes_mode(flags)) {
-    va_list ap;
-    va_start(ap, flags);
-    mode = static_cast<mode_t>(va_arg(ap, int));
-    va_end(ap);
-  }
+  CAMSIM_READ_MODE(mode, flags);
   // Absolute paths ignore dirfd, so only they can name a node.
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(openat, openat_fn);
@@ -91,13 +84,7 @@ CAMSIM_INTERPOSED int openat(int dirfd, const char* path, int flags, ...) {
 }
 
 CAMSIM_INTERPOSED int openat64(int dirfd, const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (takes_mode(flags)) {
-    va_list ap;
-    va_start(ap, flags);
-    mode = static_cast<mode_t>(va_arg(ap, int));
-    va_end(ap);
-  }
+  CAMSIM_READ_MODE(mode, flags);
   if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
   auto next = CAMSIM_NEXT(openat64, openat_fn);
   return next != nullptr ? next(dirfd, path, flags, mode) : missing();

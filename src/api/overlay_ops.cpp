@@ -10,8 +10,10 @@
 namespace zantrel::api {
 namespace {
 
-constexpr int kBadArgument = -2;
-constexpr int kBadHandle = -6;
+// As plain ints, so that the work lambdas deduce one return type.
+constexpr int kBadArgument = table::kBadArgument;
+constexpr int kBadHandle = table::kBadHandle;
+// Plain overlays draw their palette pixels through the user bank.
 constexpr uint32_t kUserBank = 1;
 
 // The entry of a handle for an operation that talks to the driver about it.

@@ -16,22 +16,6 @@
 
 namespace {
 
-// Forks a process running body; its exit status is the body's result.
-pid_t spawn(const std::function<int()>& body) {
-  std::fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    _exit(body());
-  }
-  return pid;
-}
-
-int wait_for(pid_t pid) {
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 std::string run_command(const std::string& command, int* status) {
   std::string output;
   FILE* pipe = popen(command.c_str(), "r");
@@ -92,7 +76,7 @@ TEST(CameraProcesses, OwnerApplicationsAndObserver) {
   int done[2];
   ASSERT_EQ(pipe(done), 0);
 
-  pid_t owner = spawn([&] {
+  pid_t owner = zantrel::test::spawn_child([&] {
     int fd = overlay_init(0);
     char byte = fd > 0 ? 'y' : 'n';
     write(ready[1], &byte, 1);
@@ -103,9 +87,9 @@ TEST(CameraProcesses, OwnerApplicationsAndObserver) {
   ASSERT_EQ(read(ready[0], &byte, 1), 1);
   ASSERT_EQ(byte, 'y');
 
-  pid_t first = spawn([] { return application(1); });
-  pid_t second = spawn([] { return application(2); });
-  pid_t observer = spawn([] {
+  pid_t first = zantrel::test::spawn_child([] { return application(1); });
+  pid_t second = zantrel::test::spawn_child([] { return application(2); });
+  pid_t observer = zantrel::test::spawn_child([] {
     for (int i = 0; i < 10; ++i) {
       int status = 0;
       std::string text = run_command(std::string(ZANTRELCTL) + " show --json", &status);
@@ -120,11 +104,11 @@ TEST(CameraProcesses, OwnerApplicationsAndObserver) {
     return 0;
   });
 
-  EXPECT_EQ(wait_for(first), 0);
-  EXPECT_EQ(wait_for(second), 0);
-  EXPECT_EQ(wait_for(observer), 0);
+  EXPECT_EQ(zantrel::test::wait_child(first), 0);
+  EXPECT_EQ(zantrel::test::wait_child(second), 0);
+  EXPECT_EQ(zantrel::test::wait_child(observer), 0);
   ASSERT_EQ(write(done[1], "x", 1), 1);
-  EXPECT_EQ(wait_for(owner), 0);
+  EXPECT_EQ(zantrel::test::wait_child(owner), 0);
 
   EXPECT_TRUE(api_test::table_files().empty());
   EXPECT_EQ(camsim_live_count(), 0);

@@ -56,7 +56,7 @@ void isolate_dev_shm() {
 
 namespace zantrel::test {
 
-int run_in_child(const std::function<int()>& body) {
+pid_t spawn_child(const std::function<int()>& body) {
   std::fflush(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
@@ -68,14 +68,23 @@ int run_in_child(const std::function<int()>& body) {
     }
     _exit(status);
   }
+  return pid;
+}
+
+int wait_child(pid_t pid) {
   if (pid < 0) {
     return -1;
   }
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) {
+      return -1;
+    }
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
+
+int run_in_child(const std::function<int()>& body) { return wait_child(spawn_child(body)); }
 
 }  // namespace zantrel::test
 

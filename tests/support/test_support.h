@@ -2,6 +2,7 @@
 // library's syslog calls, and running code in a child process.
 #pragma once
 
+#include <sys/types.h>
 #include <syslog.h>
 
 #include <functional>
@@ -21,8 +22,12 @@ void clear_captured_logs();
 // True when exactly one record has this priority and message.
 bool logged_once(int priority, const std::string& message);
 
-// Runs body in a forked child and returns its exit status (0 to 255), or
-// 128 + signal when it was killed. The child never returns into the test.
+// Starts body in a forked child whose exit status is body's result; the
+// child never returns into the test.
+pid_t spawn_child(const std::function<int()>& body);
+// The exit status of a child (0 to 255), or 128 + signal when it was killed.
+int wait_child(pid_t pid);
+// spawn_child and wait_child in one.
 int run_in_child(const std::function<int()>& body);
 
 }  // namespace zantrel::test

@@ -87,20 +87,18 @@ TEST(TableLock, ConcurrentChurnLeavesEverySetValid) {
   ASSERT_EQ(overlay_table_init(), 0);
   std::vector<pid_t> children;
   for (unsigned p = 0; p < 3; ++p) {
-    children.push_back(fork());
-    ASSERT_GE(children.back(), 0);
-    if (children.back() != 0) continue;
-    std::mt19937 rng(1000 + p);
-    overlay_table* t = overlay_table_map();
-    for (int i = 0; i < 300; ++i) {
-      if (overlay_table_lock(t) != 0) _exit(1);
-      random_operation(t, rng, 24);
-      overlay_table_unlock(t);
-    }
-    _exit(::testing::Test::HasFailure() ? 2 : 0);
+    children.push_back(zantrel::test::spawn_child([p] {
+      std::mt19937 rng(1000 + p);
+      overlay_table* t = overlay_table_map();
+      for (int i = 0; i < 300; ++i) {
+        if (overlay_table_lock(t) != 0) return 1;
+        random_operation(t, rng, 24);
+        overlay_table_unlock(t);
+      }
+      return ::testing::Test::HasFailure() ? 2 : 0;
+    }));
   }
-  int status = -1;
-  for (pid_t pid : children) EXPECT_TRUE(waitpid(pid, &status, 0) == pid && status == 0) << status;
+  for (pid_t pid : children) EXPECT_EQ(zantrel::test::wait_child(pid), 0);
   overlay_table* table = overlay_table_map();
   ASSERT_NE(table, MAP_FAILED);
   for (int i = 0; i < 18; ++i) {  // the source, global and channel sets at bytes 4 to 147
