@@ -133,6 +133,28 @@ typedef struct overlay_palette_color {
   uint32_t flag;
 } overlay_palette_color;
 
+/* A text overlay as applications describe it (628 bytes). */
+typedef struct overlay_text {
+  overlay overlay; /* size, format and buffers are filled by the library */
+  char text[512];  /* NUL-terminated; "\n" separates lines; "#" and "%" start
+                      modifiers */
+  int32_t font_size;         /* pixels, at most 200 */
+  int32_t scalable;          /* 1: scaled by stream height / 1080 */
+  overlay_color text_color;
+  overlay_color background_color;
+  overlay_color outline_color;
+  int32_t scroll_speed; /* 0: still; otherwise scrolls and is modifiable */
+  uint32_t text_length; /* output: bytes of the expanded text at creation */
+} overlay_text;
+
+/* An image overlay as applications describe it (608 bytes). */
+typedef struct overlay_image {
+  overlay overlay;
+  char path[512]; /* an ".ovl" file, or a directory holding a bitmap "bmp" */
+  uint32_t reserved;
+  uint32_t modified_time; /* output: seconds since the epoch of path */
+} overlay_image;
+
 /* What a table entry holds (644 bytes). */
 typedef struct overlay_entry_data {
   int32_t kernel_id; /* 0: no hardware overlay */
@@ -141,6 +163,8 @@ typedef struct overlay_entry_data {
   uint32_t height;
   union {
     overlay ovl; /* every description record begins with an overlay */
+    overlay_text text;   /* OVERLAY_TYPE_TEXT and OVERLAY_TYPE_MODIFIABLE_TEXT */
+    overlay_image image; /* OVERLAY_TYPE_IMAGE and OVERLAY_TYPE_SCALABLE_IMAGE */
     unsigned char bytes[628];
   } description;
 } overlay_entry_data;
@@ -189,6 +213,26 @@ typedef struct overlay_encreq {
   uint32_t overlay_ids[8]; /* kernel overlay ids, 0 for an empty position */
   uint32_t version;        /* the stream context version the ids come from */
 } overlay_encreq;
+
+struct _GHashTable;
+
+/* The encoder's context of one stream; lives in the encoder's process. */
+typedef struct overlay_stream_context {
+  int32_t version;         /* raised at every gathering, stamped on requests */
+  uint32_t table_version;  /* main table version at the last gathering */
+  uint32_t stream_version; /* stream table version at the last gathering */
+  int32_t fd;              /* device descriptor for this stream's overlays */
+  uint32_t channel;
+  uint32_t stream;
+  uint32_t width;
+  uint32_t height;
+  uint32_t filter; /* OVERLAY_FILTER_* bits */
+  int32_t handles[OVERLAY_SET_PLACES]; /* gathered handles, -6 for none */
+  overlay_table_entry* slots;          /* 8 local copies of gathered entries */
+  struct _GHashTable* text_contexts;   /* handle -> modifiable text context */
+  overlay_table* table;                /* mapped main table, or NULL */
+  overlay_stream_table* stream_table;  /* mapped stream table, or NULL */
+} overlay_stream_context;
 
 /* ------------------------------------------------------------------------ */
 /* Library lifecycle and device handle                                      */
@@ -348,6 +392,63 @@ ZANTREL_API int overlay_table_get_entries(overlay_table* table, overlay_stream_t
 ZANTREL_API int overlay_table_get_source_entries(overlay_table* table,
                                                  overlay_table_entry** entries, unsigned int count);
 ZANTREL_API int overlay_table_is_source_entry(overlay_table* table, int handle);
+
+/* ------------------------------------------------------------------------ */
+/* Text rendering                                                           */
+/* ------------------------------------------------------------------------ */
+
+/* A renderer for one pixel size and colour scheme, with its glyph cache. */
+typedef struct render_text_context render_text_context;
+
+/* A packed pixel buffer. The leftmost pixel of a word is in its least
+ * significant bits; rendered buffers are a multiple of 16 pixels wide. A
+ * buffer returned by a renderer owns data, which the caller frees. */
+typedef struct sized_buffer {
+  uint32_t stride; /* 32-bit words a row */
+  uint32_t rows;
+  uint32_t width; /* pixels */
+  uint32_t height;
+  uint32_t content_width; /* what the text occupies */
+  uint32_t content_height;
+  uint32_t* data; /* stride * rows words, released with free() */
+  overlay_format format;
+} sized_buffer;
+
+/* format: OVERLAY_FORMAT_PALETTE_4BIT, OVERLAY_FORMAT_ARGB32 or
+ * OVERLAY_FORMAT_PALETTE_8BIT. */
+ZANTREL_API render_text_context* render_text_init(overlay_format format);
+ZANTREL_API void render_text_destroy(render_text_context* context);
+ZANTREL_API uint32_t sized_buffer_datalen(const sized_buffer* buffer);
+
+/* Splits text at newlines into at most 512 separately allocated lines; the
+ * caller frees each line and the array. 0, -1 out of memory, -2 too many
+ * lines, non-zero for a NULL text. */
+ZANTREL_API int split_into_lines(char*** lines, int* count, const char* text);
+/* data is NULL (and every field 0) when rendering failed. */
+ZANTREL_API sized_buffer render_text_buffer_multiline(render_text_context* context,
+                                                      char* const* lines, int count,
+                                                      overlay_color text_color,
+                                                      overlay_color outline_color,
+                                                      overlay_color background_color, int size);
+ZANTREL_API sized_buffer render_text_buffer_legacy(render_text_context* context, const char* text,
+                                                   overlay_color text_color,
+                                                   overlay_color outline_color,
+                                                   overlay_color background_color,
+                                                   overlay_color extra_color, int size,
+                                                   uint32_t width, int extra_rows);
+
+struct _cairo;
+ZANTREL_API void set_source_color(struct _cairo* cr, overlay_color color);
+/* Index of the palette entry in [start, end) nearest to color, or -1. */
+ZANTREL_API int32_t get_palette_value(uint32_t color, const uint32_t* palette, int32_t end,
+                                      int32_t start);
+ZANTREL_API uint32_t pixel_distance(uint32_t a, uint32_t b);
+ZANTREL_API int set_background(sized_buffer* buffer, overlay_color color1, int32_t rows1,
+                               overlay_color color2, int32_t rows2);
+/* 1 when context is not set up for the record's colours and size. */
+ZANTREL_API int utils_compare_overlay_text_color_and_size(const render_text_context* context,
+                                                          const overlay_text* text, float scale);
+ZANTREL_API void print_image(void);
 
 /* ------------------------------------------------------------------------ */
 /* Diagnostics                                                              */

@@ -8,8 +8,11 @@ packages=(
   cmake ninja-build g++ pkg-config binutils
   # Tests, benchmarks and the format check
   libgtest-dev libgmock-dev libbenchmark-dev clang-format
-  # The simulated driver writes its pictures as PNG
-  libcairo2-dev
+  # Text rendering (cairo, FreeType, GLib) and the one font the library opens;
+  # the simulated driver and the tools also write PNG through cairo
+  libcairo2-dev libfreetype-dev libglib2.0-dev fonts-wqy-microhei
+  # libFuzzer harnesses
+  clang
   # zantrelctl's JSON output
   nlohmann-json3-dev
 )

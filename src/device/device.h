@@ -63,6 +63,22 @@ static_assert(((CAM_IOC_SOURCE_PARAMS >> 16) & 0x3FFF) == sizeof(cam_source_para
 static_assert(((CAM_IOC_SET_PALETTE_COLOR >> 16) & 0x3FFF) == sizeof(cam_palette_color));
 static_assert(((CAM_IOC_GET_STREAM_CONFIG >> 16) & 0x3FFF) == sizeof(cam_stream_config));
 
+// Text and image descriptions are stored in shared memory as an entry's
+// description, so their layouts are fixed.
+static_assert(sizeof(overlay_text) == 628);
+static_assert(offsetof(overlay_text, text) == 88);
+static_assert(offsetof(overlay_text, font_size) == 600);
+static_assert(offsetof(overlay_text, scalable) == 604);
+static_assert(offsetof(overlay_text, text_color) == 608);
+static_assert(offsetof(overlay_text, background_color) == 612);
+static_assert(offsetof(overlay_text, outline_color) == 616);
+static_assert(offsetof(overlay_text, scroll_speed) == 620);
+static_assert(offsetof(overlay_text, text_length) == 624);
+static_assert(sizeof(overlay_image) == 608);
+static_assert(offsetof(overlay_image, path) == 88);
+static_assert(offsetof(overlay_image, reserved) == 600);
+static_assert(offsetof(overlay_image, modified_time) == 604);
+
 namespace zantrel::device {
 
 // Driver type of a pixel format, or -2 (logged) for one the driver lacks.

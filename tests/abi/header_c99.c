@@ -28,6 +28,10 @@ int main(void) {
   CHECK(offsetof(overlay_table, table_mutex) == 65476);
   CHECK(sizeof(overlay_table) == 65476 + sizeof(pthread_mutex_t));
   CHECK(sizeof(overlay_stream_table) == 16);
+  CHECK(sizeof(overlay_text) == 628);
+  CHECK(offsetof(overlay_text, text_length) == 624);
+  CHECK(sizeof(overlay_image) == 608);
+  CHECK(offsetof(overlay_image, modified_time) == 604);
   CHECK(o_calculate_overlay_size(7, 5, OVERLAY_FORMAT_1BIT) == 5);
   CHECK(palette_get_default(&colors, NULL) == 16 && colors == static_palette);
   CHECK(rgb2ycbcr[8] == -5329);

@@ -1,0 +1,56 @@
+/*
+ * libtokenfill — expands date, time and host modifiers in overlay texts.
+ *
+ * Stand-in for the camera's own library with the same interface.
+ */
+#ifndef TOKENFILL_H
+#define TOKENFILL_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define TOKENFILL_API __attribute__((visibility("default")))
+#else
+#define TOKENFILL_API
+#endif
+
+/* An expansion context (64 bytes). Callers may set use_local_time after
+ * tokenfill_init; the other fields belong to the library. */
+typedef struct tokenfill_context {
+  uint32_t magic;        /* TOKENFILL_MAGIC while the context is alive */
+  char hostname[56];     /* cached at init, NUL-terminated */
+  int32_t use_local_time; /* byte offset 60: 1 local time, 0 UTC */
+} tokenfill_context;
+
+#define TOKENFILL_MAGIC 0x7466696cu
+
+/* A new context (UTC by default), or NULL when out of memory. */
+TOKENFILL_API tokenfill_context* tokenfill_init(void);
+
+/* Writes template with its modifiers expanded for time into out, at most size
+ * bytes including the NUL; the output is always NUL-terminated (when size is
+ * at least 1) and never ends in a cut UTF-8 character. A NULL time means now.
+ * Returns the number of bytes written before the NUL, or -1 for a NULL out,
+ * template or context, or a size of 0.
+ *
+ *   %x   as strftime gives it ("%%" is a "%")
+ *   #D   date, YYYY-MM-DD       #T   time, HH:MM:SS
+ *   #n   host name              #i   first non-loopback IPv4 address
+ *   ##   a "#"                  #x   any other: kept as written */
+TOKENFILL_API int tokenfill_expand(char* out, size_t size, const char* template_text,
+                                   tokenfill_context* context, const struct timeval* time);
+
+/* Releases the context; NULL does nothing. */
+TOKENFILL_API void tokenfill_exit(tokenfill_context* context);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TOKENFILL_H */
