@@ -314,6 +314,29 @@ ZANTREL_API int o_calculate_overlay_position(internal_overlay* rec, const overla
                                              uint32_t content_width, uint32_t content_height);
 
 /* ------------------------------------------------------------------------ */
+/* Image files (".ovl")                                                     */
+/* ------------------------------------------------------------------------ */
+
+#define OVL_HEADER_SIZE 78
+
+/* header: the first OVL_HEADER_SIZE bytes of a file. */
+ZANTREL_API int ovl_valid_header(const uint8_t* header);
+/* '1', '2' or '4', else 255. */
+ZANTREL_API uint8_t ovl_header_version(const uint8_t* header);
+/* The transparency key compared with (luma << 8). */
+ZANTREL_API uint32_t ovl_get_alpha(const uint8_t* header);
+/* Loads image->path into a new hardware overlay of OVERLAY_FORMAT_YCBCR_ALPHA;
+ * sets data's width and height to the image's size. 0 or -1. */
+ZANTREL_API int o_create_image_overlay_from_ovl_file(overlay_image* image, int fd, int* id,
+                                                     overlay_entry_data* data);
+/* The same for the bitmap directory image->path, scaled for one stream. */
+ZANTREL_API int o_create_scaled_image_overlay_from_ovl_file(overlay_image* image, int fd, int* id,
+                                                            unsigned int channel,
+                                                            uint32_t stream_width,
+                                                            uint32_t stream_height,
+                                                            overlay_entry_data* data);
+
+/* ------------------------------------------------------------------------ */
 /* Palette                                                                  */
 /* ------------------------------------------------------------------------ */
 
