@@ -1,21 +1,29 @@
 // zantrelctl: looks at the overlay library's shared state.
 //   zantrelctl show [--json]
+//   zantrelctl render-text [options] -o OUT.png TEXT
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "render_preview.h"
 #include "snapshot.h"
 
 namespace {
 
 int usage() {
-  std::fputs("usage: zantrelctl show [--json]\n", stderr);
+  std::fputs(
+      "usage: zantrelctl show [--json]\n"
+      "       zantrelctl render-text [options] -o OUT.png TEXT\n",
+      stderr);
   return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 2 && std::strcmp(argv[1], "render-text") == 0) {
+    return zantrelctl::render_text_command(argc - 1, argv + 1);
+  }
   if (argc < 2 || std::strcmp(argv[1], "show") != 0 || argc > 3) {
     return usage();
   }

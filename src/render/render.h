@@ -1,0 +1,94 @@
+// Text rendering: the render context with its font and glyph cache, pixel
+// packing, and the internal steps the two text renderers share.
+#pragma once
+
+#include <cairo.h>
+#include <ft2build.h>
+#include <glib.h>
+#include FT_FREETYPE_H
+
+#include <cstdint>
+#include <optional>
+
+#include "zantrel.h"
+
+// The one font the library draws with; face 1 of the collection is used.
+#define FONT_PATH "/usr/share/fonts/truetype/wqy/wqy-microhei.ttc"
+
+// One drawn and converted glyph, owned by a context's cache.
+struct glyph_cache_entry {
+  cairo_text_extents_t extents;
+  sized_buffer* image;
+};
+
+struct render_text_context {
+  int32_t last_width;  // width of the last multi-line buffer, -1 until then
+  uint32_t size;       // em size of scaled_font, 0 until the first refresh
+  uint32_t line_height;
+  uint32_t ascent;
+  uint8_t text_color;
+  uint8_t outline_color;
+  uint8_t background_color;
+  GHashTable* glyph_cache;  // glyph index -> glyph_cache_entry*
+  cairo_scaled_font_t* scaled_font;
+  int32_t max_x_advance;
+  cairo_surface_t* surface;  // 1x1, for measuring only
+  cairo_t* cr;
+  FT_Library ft_lib;
+  FT_Face ft_face;
+  overlay_format format;
+  // cairo's view of ft_face. cairo keeps font faces in caches beyond the
+  // life of this context, so the FreeType face and library are handed to the
+  // font face and released when cairo drops its last reference.
+  cairo_font_face_t* font_face;
+};
+
+namespace zantrel::render {
+
+// How pixels of a packed format lie in 32-bit words.
+struct Packing {
+  uint32_t bits;  // bits per pixel
+  uint32_t pixels_per_word;
+  uint32_t mask;
+};
+// Formats 7, 9 and 3; nothing for any other.
+std::optional<Packing> packing(overlay_format format);
+// Words in a row of width pixels (width a multiple of 16).
+inline uint32_t row_words(uint32_t width, const Packing& p) { return width / p.pixels_per_word; }
+
+void refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_color,
+                       uint8_t outline_color, uint8_t background_color);
+void empty_glyph_cache(render_text_context* self);
+void sized_buffer_free(sized_buffer* buffer);
+void free_glyph_cache_entry(gpointer key, gpointer value, gpointer user_data);
+
+// pixels: a flushed ARGB32 surface of width x height whose rows are
+// stride_bytes apart. A new heap record, or null.
+sized_buffer* convert_glyph_surface(const uint8_t* pixels, uint32_t width, uint32_t height,
+                                    uint32_t stride_bytes, overlay_format format);
+int blit_sized_buffer(sized_buffer* destination, const sized_buffer* source, uint32_t x,
+                      uint32_t y);
+
+// The glyphs of a UTF-8 string, freed with the run.
+class GlyphRun {
+ public:
+  GlyphRun(render_text_context* context, const char* text);
+  ~GlyphRun() { cairo_glyph_free(glyphs_); }
+  GlyphRun(const GlyphRun&) = delete;
+  GlyphRun& operator=(const GlyphRun&) = delete;
+  const cairo_glyph_t* begin() const { return glyphs_; }
+  const cairo_glyph_t* end() const { return glyphs_ + count_; }
+  int size() const { return count_; }
+
+ private:
+  cairo_glyph_t* glyphs_ = nullptr;
+  int count_ = 0;
+};
+
+// The cached entry of a glyph, drawing it on a miss; null when drawing fails.
+glyph_cache_entry* cached_glyph(render_text_context* context, const cairo_glyph_t& glyph,
+                                uint32_t pad);
+glyph_cache_entry* render_glyph(render_text_context* context, const cairo_glyph_t& glyph,
+                                uint32_t pad);
+
+}  // namespace zantrel::render
