@@ -1,0 +1,263 @@
+// Rendering real text with the camera's font: geometry, pixels, the glyph
+// cache, the width of a changing text, and text as people type it.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "render.h"
+#include "test_support.h"
+
+namespace {
+
+// Every glyph drawing creates one image surface; counting them tells whether
+// a rendering drew glyphs or only copied cached ones.
+int g_surfaces_created = 0;
+
+}  // namespace
+
+extern "C" cairo_surface_t* cairo_image_surface_create(cairo_format_t format, int width,
+                                                       int height) {
+  using Real = cairo_surface_t* (*)(cairo_format_t, int, int);
+  static auto real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "cairo_image_surface_create"));
+  ++g_surfaces_created;
+  return real(format, width, height);
+}
+
+namespace {
+
+constexpr uint32_t kWhite = 0, kBlack = 1, kRed = 2, kTransparent = 5;
+
+struct ContextDeleter {
+  void operator()(render_text_context* c) const { render_text_destroy(c); }
+};
+using Context = std::unique_ptr<render_text_context, ContextDeleter>;
+
+struct Buffer : sized_buffer {
+  explicit Buffer(const sized_buffer& b) : sized_buffer(b) {}
+  ~Buffer() { free(data); }
+  Buffer(const Buffer&) = delete;
+  uint32_t pixel(uint32_t x, uint32_t y) const {
+    return (data[y * stride + x / 8] >> (x % 8 * 4)) & 0xF;
+  }
+  std::vector<uint32_t> words() const { return {data, data + stride * rows}; }
+};
+
+std::vector<std::string> split(const char* text) {
+  char** lines = nullptr;
+  int count = 0;
+  EXPECT_EQ(split_into_lines(&lines, &count, text), 0);
+  std::vector<std::string> out(lines, lines + count);
+  for (int i = 0; i < count; ++i) free(lines[i]);
+  free(lines);
+  return out;
+}
+
+// Renders text (split at newlines) in white with a black outline on
+// transparent, as a text overlay is.
+sized_buffer render(render_text_context* context, const char* text, int size,
+                    overlay_color background = OVERLAY_COLOR_TRANSPARENT) {
+  std::vector<std::string> lines = split(text);
+  std::vector<char*> pointers;
+  for (auto& line : lines) pointers.push_back(line.data());
+  return render_text_buffer_multiline(context, pointers.data(), static_cast<int>(pointers.size()),
+                                      OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK, background, size);
+}
+
+TEST(Render, ContextFormats) {
+  for (overlay_format format : {3u, 7u, 9u}) {
+    Context context(render_text_init(format));
+    ASSERT_NE(context, nullptr);
+    EXPECT_EQ(context->last_width, -1);
+  }
+  for (overlay_format format : {4u, 8u}) {
+    EXPECT_EQ(render_text_init(format), nullptr);
+    EXPECT_TRUE(zantrel::test::logged_once(LOG_ERR, "libzantrel: overlay_format " +
+                                                        std::to_string(format) +
+                                                        " not supported in render_text_init\n\n"));
+  }
+  render_text_destroy(nullptr);
+}
+
+TEST(Render, SplitIntoLines) {
+  EXPECT_EQ(split(""), std::vector<std::string>{""});
+  EXPECT_EQ(split("a\n"), (std::vector<std::string>{"a", ""}));
+  EXPECT_EQ(split("a\r\nb"), (std::vector<std::string>{"a\r", "b"}));
+  EXPECT_EQ(split(std::string(511, '\n').c_str()).size(), 512u);
+
+  char** lines = reinterpret_cast<char**>(0x1);
+  int count = 7;
+  EXPECT_EQ(split_into_lines(&lines, &count, std::string(512, '\n').c_str()), -2);
+  EXPECT_EQ(lines, reinterpret_cast<char**>(0x1));
+  EXPECT_EQ(count, 7);
+  EXPECT_NE(split_into_lines(&lines, &count, nullptr), 0);
+  EXPECT_EQ(count, -1);
+}
+
+TEST(Render, EmptyLineIsAllBackground) {
+  Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  Buffer b(render(context.get(), "", 16, OVERLAY_COLOR_RED));
+  ASSERT_NE(b.data, nullptr);
+  EXPECT_EQ(context->size, 11u);
+  uint32_t height = context->line_height + 4;
+  EXPECT_EQ(b.width, 16u);
+  EXPECT_EQ(b.rows, height + height % 2);
+  EXPECT_EQ(b.words(), std::vector<uint32_t>(b.stride * b.rows, 0x22222222));
+}
+
+// For every size a camera offers: geometry follows the font, the glyphs are
+// filled in the text colour with the outline outside them, and the rows below
+// the glyphs stay background.
+TEST(Render, GeometryAndPixelsAcrossSizes) {
+  Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  for (int size = 16; size <= 200; size += 8) {
+    SCOPED_TRACE(size);
+    context->last_width = -1;
+    Buffer b(render(context.get(), "HIH\nI", size));
+    ASSERT_NE(b.data, nullptr);
+    const auto em = static_cast<uint32_t>(size * 0.7);
+    const auto pad = static_cast<uint32_t>(std::ceil(em * 0.03));
+    EXPECT_EQ(context->size, em);
+    EXPECT_EQ(b.width % 16, 0u);
+    EXPECT_EQ(b.stride, b.width / 8);
+    EXPECT_EQ(b.rows % 2, 0u);
+    EXPECT_EQ(b.rows, b.content_height);
+    EXPECT_GE(b.rows, 2 * context->line_height + 4 * pad);
+    EXPECT_LE(b.rows, 2 * context->line_height + 4 * pad + 1);
+    EXPECT_LE(b.content_width, b.width);
+    EXPECT_GT(b.content_width, 3 * em / 2);
+
+    // Across the left stem of the first H: background, then the outline
+    // (its edge blended by cairo into darker or more transparent palette
+    // entries, never the text colour), then the fill.
+    const uint32_t y = pad + context->ascent - em / 3;
+    uint32_t x = 0;
+    while (x < b.width && b.pixel(x, y) == kTransparent) ++x;
+    const uint32_t outline_start = x;
+    bool solid_outline = false;
+    while (x < b.width && b.pixel(x, y) != kWhite) solid_outline |= b.pixel(x++, y) == kBlack;
+    ASSERT_LT(x, b.width);
+    // Stroked, then filled: only the outer half of the line shows.
+    EXPECT_GE(x - outline_start, 1u);
+    EXPECT_LE(x - outline_start, pad + 1);
+    if (size >= 64) {
+      EXPECT_TRUE(solid_outline);
+    }
+
+    // Rows between the first line's baseline margin and the next line's
+    // glyphs, and the bottom margin, hold no ink: these letters sit on it.
+    for (uint32_t row : {pad + context->ascent + 2 * pad + 2, b.rows - 1}) {
+      for (uint32_t x = 0; x < b.width; ++x) ASSERT_EQ(b.pixel(x, row), kTransparent) << row;
+    }
+  }
+}
+
+TEST(Render, CacheDrawsEachGlyphOnce) {
+  Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  Buffer first(render(context.get(), "2026-11-22 12:34:56", 40));
+  const guint glyphs = g_hash_table_size(context->glyph_cache);
+  EXPECT_EQ(glyphs, 10u);  // 0 1 2 3 4 5 6 - : and the space
+  g_surfaces_created = 0;
+  Buffer second(render(context.get(), "2026-11-22 12:34:56", 40));
+  EXPECT_EQ(g_surfaces_created, 0);
+  EXPECT_EQ(first.words(), second.words());
+
+  // A new digit draws one glyph; a new colour or size redraws from scratch.
+  Buffer third(render(context.get(), "2026-11-22 12:34:57", 40));
+  EXPECT_EQ(g_surfaces_created, 1);
+  Buffer red(render(context.get(), "22", 40, OVERLAY_COLOR_RED));
+  EXPECT_EQ(g_hash_table_size(context->glyph_cache), 1u);
+  Buffer larger(render(context.get(), "22", 50, OVERLAY_COLOR_RED));
+  EXPECT_EQ(g_hash_table_size(context->glyph_cache), 1u);
+  EXPECT_EQ(g_surfaces_created, 3);
+  EXPECT_EQ(context->size, 35u);
+}
+
+TEST(Render, ChangingTextKeepsItsWidth) {
+  Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  Buffer clock(render(context.get(), "12:34:56", 40));
+  Buffer shorter(render(context.get(), "12:34:5", 40));  // one narrow glyph less
+  EXPECT_EQ(shorter.width, clock.width);
+  EXPECT_LT(shorter.content_width, clock.content_width);
+  Buffer much_shorter(render(context.get(), "12:", 40));
+  EXPECT_EQ(much_shorter.width, much_shorter.content_width);
+  EXPECT_LT(much_shorter.width, clock.width);
+  Buffer wider(render(context.get(), "12:34:56:78", 40));
+  EXPECT_GT(wider.width, clock.width);
+}
+
+TEST(Render, TextPeopleType) {
+  Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  Buffer cjk(render(context.get(), "东门\n\nCam 1", 32));
+  EXPECT_GT(g_hash_table_size(context->glyph_cache), 5u);
+  EXPECT_EQ(cjk.rows, 3 * context->line_height + 4 + (3 * context->line_height) % 2);
+  // Strings cairo cannot convert have no glyphs; control bytes are glyphs of
+  // the font's own choosing. Neither may crash or read past the string.
+  for (const char* text : {"\xff\xfe\xfd", "ab\xc3", "\t\x01\x7f\r"}) {
+    Buffer b(render(context.get(), text, 24));
+    EXPECT_NE(b.data, nullptr) << text;
+  }
+  Buffer many(render(context.get(), std::string(511, '\n').c_str(), 16));
+  EXPECT_EQ(many.rows % 2, 0u);
+  EXPECT_GE(many.rows, 512 * context->line_height);
+}
+
+TEST(Render, LegacyBand) {
+  Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  Buffer band(render_text_buffer_legacy(context.get(), "Gate 4", OVERLAY_COLOR_WHITE,
+                                        OVERLAY_COLOR_BLACK, OVERLAY_COLOR_BLACK, OVERLAY_COLOR_RED,
+                                        40, 1918, 8));
+  ASSERT_NE(band.data, nullptr);
+  EXPECT_EQ(band.width, 1920u);
+  EXPECT_EQ(band.rows, 48u);
+  EXPECT_EQ(band.content_width, 1918u);
+  EXPECT_EQ(band.content_height, 40u);
+  const std::vector<uint32_t> words = band.words();
+  for (uint32_t row = 40; row < 48; ++row) {
+    for (uint32_t w = 0; w < band.stride; ++w) ASSERT_EQ(words[row * band.stride + w], 0x22222222u);
+  }
+  EXPECT_EQ(band.pixel(1900, 20), kBlack);
+  EXPECT_EQ(context->last_width, -1);
+  // Text beyond the band is cut at its edge.
+  Buffer narrow(render_text_buffer_legacy(context.get(), "A very long text for a band",
+                                          OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK,
+                                          OVERLAY_COLOR_BLACK, OVERLAY_COLOR_RED, 40, 40, 0));
+  EXPECT_EQ(narrow.width, 48u);
+  EXPECT_EQ(narrow.rows, 40u);
+  (void)kRed;
+}
+
+TEST(Render, MissingFontStopsTheProcess) {
+  char log_path[] = "/tmp/zantrel-font-XXXXXX";
+  const int log_fd = mkstemp(log_path);
+  ASSERT_GE(log_fd, 0);
+  const int status = zantrel::test::run_in_child([log_fd] {
+    dup2(log_fd, STDERR_FILENO);
+    if (mount("tmpfs", "/usr/share/fonts/truetype/wqy", "tmpfs", 0, nullptr) != 0) return 3;
+    Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+    sized_buffer b = render(context.get(), "x", 16);
+    free(b.data);
+    return 0;
+  });
+  std::stringstream log;
+  log << std::ifstream(log_path).rdbuf();
+  close(log_fd);
+  unlink(log_path);
+  EXPECT_EQ(status, 128 + SIGABRT) << log.str();
+  EXPECT_NE(log.str().find("overlay_text_rendering"), std::string::npos) << log.str();
+  EXPECT_NE(log.str().find("refresh_font_face"), std::string::npos);
+  EXPECT_NE(log.str().find("FT_New_Face(self->ft_lib, FONT_PATH, 1, &self->ft_face) == 0"),
+            std::string::npos);
+}
+
+}  // namespace
