@@ -20,34 +20,49 @@ extern "C" {
 #define TOKENFILL_API
 #endif
 
+/* C++ callers see the functions as noexcept; the C signatures are unchanged. */
+#ifdef __cplusplus
+#define TOKENFILL_NOEXCEPT noexcept
+#else
+#define TOKENFILL_NOEXCEPT
+#endif
+
 /* An expansion context (64 bytes). Callers may set use_local_time after
  * tokenfill_init; the other fields belong to the library. */
 typedef struct tokenfill_context {
-  uint32_t magic;        /* TOKENFILL_MAGIC while the context is alive */
-  char hostname[56];     /* cached at init, NUL-terminated */
+  uint32_t magic;         /* TOKENFILL_MAGIC while the context is alive */
+  char hostname[56];      /* cached at init, NUL-terminated */
   int32_t use_local_time; /* byte offset 60: 1 local time, 0 UTC */
 } tokenfill_context;
 
 #define TOKENFILL_MAGIC 0x7466696cu
 
 /* A new context (UTC by default), or NULL when out of memory. */
-TOKENFILL_API tokenfill_context* tokenfill_init(void);
+TOKENFILL_API tokenfill_context* tokenfill_init(void) TOKENFILL_NOEXCEPT;
 
 /* Writes template with its modifiers expanded for time into out, at most size
  * bytes including the NUL; the output is always NUL-terminated (when size is
  * at least 1) and never ends in a cut UTF-8 character. A NULL time means now.
- * Returns the number of bytes written before the NUL, or -1 for a NULL out,
- * template or context, or a size of 0.
+ * Returns the number of bytes written before the NUL, or -1 (errno EINVAL)
+ * for a NULL out, template or context, a context that tokenfill_init did not
+ * give or that was released, or a size of 0; nothing is written then. A time
+ * that has no calendar date (year beyond int) gives -1 and an empty output
+ * when the template needs the date. use_local_time other than 0 means local.
  *
  *   %x   as strftime gives it ("%%" is a "%")
  *   #D   date, YYYY-MM-DD       #T   time, HH:MM:SS
  *   #n   host name              #i   first non-loopback IPv4 address
- *   ##   a "#"                  #x   any other: kept as written */
+ *   ##   a "#"                  #x   any other: kept as written
+ *
+ * A "%" or "#" ending the template is kept, as is a "%" conversion asking for
+ * a width above 4096. #i is "0.0.0.0" when the host has no such address. */
 TOKENFILL_API int tokenfill_expand(char* out, size_t size, const char* template_text,
-                                   tokenfill_context* context, const struct timeval* time);
+                                   tokenfill_context* context,
+                                   const struct timeval* time) TOKENFILL_NOEXCEPT;
 
-/* Releases the context; NULL does nothing. */
-TOKENFILL_API void tokenfill_exit(tokenfill_context* context);
+/* Releases the context; NULL, or a context not alive (errno EINVAL), does
+ * nothing. */
+TOKENFILL_API void tokenfill_exit(tokenfill_context* context) TOKENFILL_NOEXCEPT;
 
 #ifdef __cplusplus
 }
