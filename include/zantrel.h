@@ -480,6 +480,8 @@ ZANTREL_API void print_image(void);
 ZANTREL_API void overlay_print_overlay(const overlay* ovl);
 ZANTREL_API void overlay_print_overlay_position(const overlay_position* position);
 ZANTREL_API void overlay_print_overlay_color(overlay_color color);
+ZANTREL_API void overlay_print_overlay_text(const overlay_text* text);
+ZANTREL_API void overlay_print_overlay_image(const overlay_image* image);
 
 #ifdef __cplusplus
 }

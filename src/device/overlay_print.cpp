@@ -15,4 +15,19 @@ void overlay_print_overlay(const overlay* ovl) {
   }
 }
 
+void overlay_print_overlay_text(const overlay_text* text) {
+  if (text != nullptr) {
+    overlay_print_overlay_color(text->text_color);
+    overlay_print_overlay_color(text->background_color);
+    overlay_print_overlay_color(text->outline_color);
+    overlay_print_overlay(&text->overlay);
+  }
+}
+
+void overlay_print_overlay_image(const overlay_image* image) {
+  if (image != nullptr) {
+    overlay_print_overlay(&image->overlay);
+  }
+}
+
 }  // extern "C"

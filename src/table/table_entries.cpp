@@ -195,12 +195,15 @@ void overlay_print_table_entry(const overlay_table_entry* entry) {
   }
   switch (entry->data.type) {
     case OVERLAY_TYPE_PLAIN:
+      overlay_print_overlay(&entry->data.description.ovl);
+      break;
     case OVERLAY_TYPE_TEXT:
     case OVERLAY_TYPE_MODIFIABLE_TEXT:
+      overlay_print_overlay_text(&entry->data.description.text);
+      break;
     case OVERLAY_TYPE_IMAGE:
     case OVERLAY_TYPE_SCALABLE_IMAGE:
-      // Every description record begins with its overlay record.
-      overlay_print_overlay(&entry->data.description.ovl);
+      overlay_print_overlay_image(&entry->data.description.image);
       break;
     default:
       break;
