@@ -135,11 +135,11 @@ typedef struct overlay_palette_color {
 
 /* A text overlay as applications describe it (628 bytes). */
 typedef struct overlay_text {
-  overlay overlay; /* size, format and buffers are filled by the library */
-  char text[512];  /* NUL-terminated; "\n" separates lines; "#" and "%" start
-                      modifiers */
-  int32_t font_size;         /* pixels, at most 200 */
-  int32_t scalable;          /* 1: scaled by stream height / 1080 */
+  overlay overlay;   /* size, format and buffers are filled by the library */
+  char text[512];    /* NUL-terminated; "\n" separates lines; "#" and "%" start
+                        modifiers */
+  int32_t font_size; /* pixels, at most 200 */
+  int32_t scalable;  /* 1: scaled by stream height / 1080 */
   overlay_color text_color;
   overlay_color background_color;
   overlay_color outline_color;
@@ -162,7 +162,7 @@ typedef struct overlay_entry_data {
   uint32_t width;    /* content size before rounding */
   uint32_t height;
   union {
-    overlay ovl; /* every description record begins with an overlay */
+    overlay ovl;         /* every description record begins with an overlay */
     overlay_text text;   /* OVERLAY_TYPE_TEXT and OVERLAY_TYPE_MODIFIABLE_TEXT */
     overlay_image image; /* OVERLAY_TYPE_IMAGE and OVERLAY_TYPE_SCALABLE_IMAGE */
     unsigned char bytes[628];
@@ -226,7 +226,7 @@ typedef struct overlay_stream_context {
   uint32_t stream;
   uint32_t width;
   uint32_t height;
-  uint32_t filter; /* OVERLAY_FILTER_* bits */
+  uint32_t filter;                     /* OVERLAY_FILTER_* bits */
   int32_t handles[OVERLAY_SET_PLACES]; /* gathered handles, -6 for none */
   overlay_table_entry* slots;          /* 8 local copies of gathered entries */
   struct _GHashTable* text_contexts;   /* handle -> modifiable text context */
@@ -472,6 +472,88 @@ ZANTREL_API int set_background(sized_buffer* buffer, overlay_color color1, int32
 ZANTREL_API int utils_compare_overlay_text_color_and_size(const render_text_context* context,
                                                           const overlay_text* text, float scale);
 ZANTREL_API void print_image(void);
+
+/* ------------------------------------------------------------------------ */
+/* Device text overlays and modifiable text                                 */
+/* ------------------------------------------------------------------------ */
+
+struct timeval;
+
+/* What the encoder hands in for expanding a text's modifiers each frame. */
+typedef struct overlay_expansion_params {
+  void* tokenfill_context;    /* from tokenfill_init */
+  const struct timeval* time; /* the frame's time */
+} overlay_expansion_params;
+
+/* One modifiable text on one stream: its last text, overlay and renderer. */
+typedef struct modifiable_text_context modifiable_text_context;
+
+/* Renders t (or text when not NULL) for stream, or unscaled when stream is
+ * NULL. 0, with out->data for the caller to free, or -1. */
+ZANTREL_API int o_render_text(sized_buffer* out, const overlay_text* t, render_text_context* render,
+                              const overlay_stream_context* stream, const char* text);
+/* Renders and loads a text into a new hardware overlay (dual 4-bit, one
+ * buffer); data receives the content size and a copy of t. 0 or -1. */
+ZANTREL_API int o_create_text_overlay(render_text_context* render,
+                                      const overlay_stream_context* stream, overlay_text* t,
+                                      overlay_entry_data* data, const char* text, int* id);
+ZANTREL_API modifiable_text_context* o_modifiable_text_context_create(int fd);
+/* The stream's context for handle, made on first use; NULL on failure. */
+ZANTREL_API modifiable_text_context* o_modifiable_text_context_get(overlay_stream_context* stream,
+                                                                   int handle);
+ZANTREL_API void o_modifiable_text_context_update_count(modifiable_text_context* context,
+                                                        int count);
+/* Also destroys the context's hardware overlay. NULL does nothing. */
+ZANTREL_API void o_modifiable_text_context_destroy(modifiable_text_context* context);
+/* For g_hash_table_foreach_remove over a stream's text contexts; user_data
+ * is the stream's 8 gathered handles. 1 when key is not among them. */
+ZANTREL_API int o_remove_unused_modifiable_text_context(void* key, void* value, void* user_data);
+/* The id of the hardware overlay showing the text for this frame, drawn
+ * again only when it changed; 0 on failure. */
+ZANTREL_API uint32_t o_get_modifiable_text_overlay_id(overlay_stream_context* stream,
+                                                      modifiable_text_context* context,
+                                                      overlay_table_entry* slot,
+                                                      const overlay_expansion_params* params);
+/* Moves a scrolling text one step; 1 when the overlay was moved. */
+ZANTREL_API int o_update_scrolling_text(overlay_entry_data* data,
+                                        const modifiable_text_context* context,
+                                        uint32_t stream_width, uint32_t kernel_id);
+
+/* ------------------------------------------------------------------------ */
+/* Text and image overlays                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* A handle, -2 when font_size is above 200, or a negative failure. */
+ZANTREL_API int overlay_text_create(overlay_text* t);
+ZANTREL_API int overlay_text_update(int handle, overlay_text* t);
+ZANTREL_API int overlay_text_destroy(int handle);
+/* The text rendered in format for stream (or unscaled), or NULL; t's width,
+ * height and format describe it. The caller frees the pixels. */
+ZANTREL_API uint32_t* overlay_text_render(const overlay_stream_context* stream, overlay_text* t,
+                                          const char* text, overlay_format format);
+/* A handle; -2 when the path does not exist; 0 when its time is unreadable. */
+ZANTREL_API int overlay_image_create(overlay_image* image);
+ZANTREL_API int overlay_image_update(int handle, overlay_image* image);
+ZANTREL_API int overlay_image_destroy(int handle);
+/* 1 for a directory (a scalable image), 0 for a file, -2 when missing. */
+ZANTREL_API int overlay_is_scalable_image(const char* path);
+ZANTREL_API int overlay_get_scalable_image_dimension(const char* directory, uint32_t* width,
+                                                     uint32_t* height);
+
+/* ------------------------------------------------------------------------ */
+/* Encoder: stream contexts and the per-frame request                       */
+/* ------------------------------------------------------------------------ */
+
+/* May be made before the table exists; NULL when out of memory. */
+ZANTREL_API overlay_stream_context* overlay_stream_context_create(int fd, unsigned int channel,
+                                                                  unsigned int stream,
+                                                                  uint32_t unused, uint32_t width,
+                                                                  uint32_t height, uint32_t filter);
+ZANTREL_API void overlay_stream_context_destroy(overlay_stream_context* context);
+/* Once a frame: fills request with the stream's overlay ids. params may be
+ * NULL (texts are drawn unexpanded). -1 for a NULL context, else 0. */
+ZANTREL_API int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* request,
+                                        const overlay_expansion_params* params);
 
 /* ------------------------------------------------------------------------ */
 /* Diagnostics                                                              */
