@@ -1,0 +1,135 @@
+// Text overlays: a text rendered once into a new hardware overlay of the
+// dual 4-bit format.
+#include "text_overlay.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/log.h"
+#include "common/mapping.h"
+
+namespace zantrel::device {
+namespace {
+
+constexpr int kMinimumSize = 16;
+
+// The text sits on the picture's bottom edge: a legacy band there gets rows
+// below it so the band reaches the edge.
+bool at_bottom_edge(const overlay_position& position) {
+  return position.coord_type == OVERLAY_COORDS_NORMALIZED &&
+         static_cast<double>(position.y) > 0.999;
+}
+
+struct Lines {
+  char** lines = nullptr;
+  int count = 0;
+  ~Lines() {
+    for (int i = 0; i < count; ++i) free(lines[i]);
+    free(lines);
+  }
+};
+
+}  // namespace
+
+float stream_scale(const overlay_stream_context& stream) {
+  return stream.height == 1080 ? 1.0f : static_cast<float>(stream.height / 1080.0);
+}
+
+bool write_dual_copy(unsigned char* buffer, size_t buffer_size, const sized_buffer& rendered) {
+  const size_t length = sized_buffer_datalen(&rendered);
+  if (buffer_size / 2 < length) return false;
+  const auto* source = reinterpret_cast<const unsigned char*>(rendered.data);
+  for (size_t i = length; i-- > 0;) {
+    const unsigned char b = source[i];
+    buffer[length + i] = static_cast<unsigned char>((b << 4) | (b >> 4));
+    buffer[i] = b;
+  }
+  return true;
+}
+
+}  // namespace zantrel::device
+
+using namespace zantrel::device;
+
+extern "C" {
+
+int o_render_text(sized_buffer* out, const overlay_text* t, render_text_context* render,
+                  const overlay_stream_context* stream, const char* text) {
+  if (out == nullptr || t == nullptr || render == nullptr) return -1;
+  if (text == nullptr) text = t->text;
+  int size = t->font_size;
+  if (t->scalable == 1 && stream != nullptr) {
+    size = static_cast<int>(static_cast<float>(stream->height / 1080.0) *
+                            static_cast<float>(t->font_size));
+  }
+  sized_buffer result{};
+  if (t->overlay.legacy == 1 && stream != nullptr) {
+    result = render_text_buffer_legacy(render, text, t->text_color, t->outline_color,
+                                       t->background_color, t->background_color, t->font_size,
+                                       stream->width, at_bottom_edge(t->overlay.position) ? 8 : 0);
+  } else {
+    Lines lines;
+    if (split_into_lines(&lines.lines, &lines.count, text) != 0) {
+      lines.count = 0;
+      zantrel::log_message(LOG_ERR, "libzantrel: Could not split multiline string\n");
+      return -1;
+    }
+    result = render_text_buffer_multiline(render, lines.lines, lines.count, t->text_color,
+                                          t->outline_color, t->background_color,
+                                          size < kMinimumSize ? kMinimumSize : size);
+  }
+  *out = result;
+  if (result.data == nullptr) {
+    zantrel::log_message(LOG_ERR, "libzantrel: Rendering failed in overlay_text_rendering\n");
+    return -1;
+  }
+  return 0;
+}
+
+int o_create_text_overlay(render_text_context* render, const overlay_stream_context* stream,
+                          overlay_text* t, overlay_entry_data* data, const char* text, int* id) {
+  if (t == nullptr || data == nullptr || id == nullptr) return -1;
+  sized_buffer rendered{};
+  if (o_render_text(&rendered, t, render, stream, text) != 0) {
+    zantrel::log_message(LOG_ERR, "libzantrel: Could not render text\n");
+    return -1;
+  }
+  const int fd = stream != nullptr ? stream->fd : o_get_fd();
+  t->overlay.width = rendered.width;
+  t->overlay.height = rendered.height;
+  data->width = rendered.content_width;
+  data->height = rendered.content_height;
+  t->overlay.format = OVERLAY_FORMAT_PALETTE_4BIT_DUAL;
+  t->overlay.nbr_buffers = 1;
+
+  int new_id = 0;
+  if (o_create_overlay(fd, &t->overlay, &new_id, data) != 0) {
+    zantrel::log_message(LOG_ERR, "libzantrel: Could not create overlay buffer\n");
+    free(rendered.data);
+    return -1;
+  }
+  const int offset = o_get_overlay_buffer(fd, new_id);
+  zantrel::Mapping buffer;
+  if (offset > 0) {
+    buffer = zantrel::Mapping(fd, t->overlay.buffer_size, PROT_READ | PROT_WRITE, offset);
+  } else {
+    errno = EINVAL;
+  }
+  if (!buffer || !write_dual_copy(buffer.bytes(), buffer.size(), rendered)) {
+    const int error = buffer ? ENOSPC : errno;
+    o_destroy_overlay(fd, new_id);
+    zantrel::log_message(LOG_ERR, "libzantrel: Failed to map overlay buffer: %s\n",
+                         zantrel::error_text(error));
+    free(rendered.data);
+    return -1;
+  }
+  buffer.reset();
+  std::memcpy(&data->description.text, t, sizeof *t);
+  o_submit_overlay_buffer(fd, new_id, offset, 0);
+  *id = new_id;
+  free(rendered.data);
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,33 @@
+// Device text overlays: the modifiable text context and the dual 4-bit copy
+// that every text overlay buffer holds.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zantrel.h"
+
+struct modifiable_text_context {
+  int32_t fd;          // the stream context's device descriptor
+  int32_t count;       // request position of the text, -1 until recorded
+  uint32_t kernel_id;  // the overlay showing the text now, 0 for none; owned
+  uint32_t pixel_count;
+  char* text;  // 512 bytes: the expanded text last drawn
+  render_text_context* render;
+  overlay_position last_position;  // reserved
+  uint32_t buffer_size;            // bytes of kernel_id's buffers
+};
+
+namespace zantrel::device {
+
+constexpr size_t kTextSize = 512;
+
+// Fills an overlay buffer of at least 2 * rendered bytes: the rendered bytes,
+// then the same with the two pixels of every byte exchanged. False when the
+// buffer is too small.
+bool write_dual_copy(unsigned char* buffer, size_t buffer_size, const sized_buffer& rendered);
+
+// The stream's scale for scalable texts (1.0 at 1080 rows).
+float stream_scale(const overlay_stream_context& stream);
+
+}  // namespace zantrel::device
