@@ -1,0 +1,162 @@
+// Converted files live in a private directory under the temporary directory,
+// one per image directory and stream size, so every stream of the same size
+// shares one conversion and the image directory itself is never written.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "gridfit_private.h"
+
+namespace gridfit {
+namespace {
+
+constexpr std::size_t kOvlHeaderSize = 78;
+
+struct FreeDeleter {
+  void operator()(char* p) const { std::free(p); }
+};
+
+// The temporary file goes away unless it was renamed into place.
+class TempFile {
+ public:
+  explicit TempFile(std::string pattern) : path_(std::move(pattern)) {
+    fd_ = mkostemp(path_.data(), O_CLOEXEC);
+  }
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+  ~TempFile() {
+    if (fd_ >= 0) {
+      close(fd_);
+    }
+    if (fd_ >= 0 && !kept_) {
+      unlink(path_.c_str());
+    }
+  }
+  int fd() const { return fd_; }
+  bool rename_to(const std::string& target) {
+    kept_ = rename(path_.c_str(), target.c_str()) == 0;
+    return kept_;
+  }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+  bool kept_ = false;
+};
+
+// Names are short and fixed in length whatever the image directory's path.
+std::uint64_t fnv1a(std::string_view text) {
+  std::uint64_t hash = 0xcbf29ce484222325ULL;
+  for (unsigned char c : text) {
+    hash = (hash ^ c) * 0x100000001b3ULL;
+  }
+  return hash;
+}
+
+std::vector<std::uint8_t> encode_ovl(const Image& image) {
+  std::vector<std::uint8_t> bytes(kOvlHeaderSize + image.argb.size() * 4);
+  bytes[0] = 'o';
+  bytes[1] = 'g';
+  bytes[2] = '4';
+  bytes[5] = 16;
+  bytes[6] = static_cast<std::uint8_t>(image.width);
+  bytes[7] = static_cast<std::uint8_t>(image.width >> 8);
+  bytes[8] = static_cast<std::uint8_t>(image.height);
+  bytes[9] = static_cast<std::uint8_t>(image.height >> 8);
+  std::size_t pos = kOvlHeaderSize;
+  for (std::uint32_t px : image.argb) {
+    bytes[pos++] = static_cast<std::uint8_t>(px);
+    bytes[pos++] = static_cast<std::uint8_t>(px >> 8);
+    bytes[pos++] = static_cast<std::uint8_t>(px >> 16);
+    bytes[pos++] = static_cast<std::uint8_t>(px >> 24);
+  }
+  return bytes;
+}
+
+bool write_all(int fd, const std::vector<std::uint8_t>& bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// Files in the directory are trusted as our own conversions, so it must be
+// ours and writable by nobody else.
+bool make_private_dir(const std::string& dir) {
+  if (mkdir(dir.c_str(), 0700) == 0) {
+    return true;
+  }
+  struct stat st {};
+  return errno == EEXIST && lstat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+         st.st_uid == geteuid() && (st.st_mode & 022) == 0;
+}
+
+bool newer(const timespec& a, const timespec& b) {
+  return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
+}
+
+}  // namespace
+
+std::optional<CachePlace> cache_place(const char* image_dir, int stream_width, int stream_height) {
+  std::unique_ptr<char, FreeDeleter> real(realpath(image_dir, nullptr));
+  if (!real) {
+    return std::nullopt;
+  }
+  const char* tmp = std::getenv("TMPDIR");
+  CachePlace place;
+  place.dir = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/gridfit-" +
+              std::to_string(geteuid());
+  std::array<char, 64> name{};
+  std::snprintf(name.data(), name.size(), "/%016llx-%dx%d.ovl",
+                static_cast<unsigned long long>(fnv1a(real.get())), stream_width, stream_height);
+  place.file = place.dir + name.data();
+  return place;
+}
+
+bool cache_fresh(const CachePlace& place, const struct stat& bitmap) {
+  struct stat st {};
+  return stat(place.file.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+         newer(st.st_mtim, bitmap.st_mtim);
+}
+
+bool cache_store(const CachePlace& place, const Image& image, const struct stat& bitmap) {
+  if (!make_private_dir(place.dir)) {
+    return false;
+  }
+  TempFile temp(place.file + ".XXXXXX");
+  if (temp.fd() < 0 || !write_all(temp.fd(), encode_ovl(image))) {
+    return false;
+  }
+  // Stamped one nanosecond after the bitmap that was read, not with the time
+  // of writing: a bitmap rewritten while this one was being converted is then
+  // newer than the file and is converted again on the next call.
+  timespec stamp = bitmap.st_mtim;
+  if (++stamp.tv_nsec == 1000000000) {
+    stamp.tv_nsec = 0;
+    ++stamp.tv_sec;
+  }
+  const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, stamp};
+  return futimens(temp.fd(), times.data()) == 0 && temp.rename_to(place.file);
+}
+
+}  // namespace gridfit
