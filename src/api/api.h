@@ -22,4 +22,7 @@ int with_locked_table(Work&& work) {
   return work(table.get());
 }
 
+// Ends a stream context's own hardware copies and its text contexts.
+void _clear_osc_local_overlays(overlay_stream_context* context);
+
 }  // namespace zantrel::api

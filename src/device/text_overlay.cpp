@@ -125,7 +125,8 @@ int o_create_text_overlay(render_text_context* render, const overlay_stream_cont
     return -1;
   }
   buffer.reset();
-  std::memcpy(&data->description.text, t, sizeof *t);
+  // t may be the description itself (a stream context's local copy).
+  std::memmove(&data->description.text, t, sizeof *t);
   o_submit_overlay_buffer(fd, new_id, offset, 0);
   *id = new_id;
   free(rendered.data);

@@ -1,0 +1,201 @@
+// Image overlays: an ".ovl" file loaded into one hardware overlay, or a
+// bitmap directory whose per-stream copies the encoder makes.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "api.h"
+#include "common/log.h"
+#include "common/unique_fd.h"
+
+namespace zantrel::api {
+namespace {
+
+constexpr size_t kPathSize = sizeof(overlay_image{}.path);
+constexpr size_t kBitmapHeaderBytes = 58;
+
+// A path from a caller's record is used only when it ends within its field.
+bool bounded(const overlay_image& image) {
+  return std::memchr(image.path, '\0', kPathSize) != nullptr;
+}
+
+}  // namespace
+
+int _get_ovl_file_modified_time(const char* path, uint32_t* time) {
+  struct stat info {};
+  if (stat(path, &info) != 0) {
+    log_message(LOG_ERR, "libzantrel: Error getting info from ovl file: %s\n", error_text(errno));
+    return -1;
+  }
+  *time = static_cast<uint32_t>(info.st_mtime);
+  return 0;
+}
+
+}  // namespace zantrel::api
+
+using zantrel::log_message;
+using namespace zantrel::api;
+
+extern "C" {
+
+int overlay_is_scalable_image(const char* path) {
+  struct stat info {};
+  if (path == nullptr || stat(path, &info) != 0) {
+    log_message(LOG_ERR, "libzantrel: Image overlay file doesn't exist, %s\n",
+                path != nullptr ? path : "(null)");
+    return -2;
+  }
+  return S_ISDIR(info.st_mode) ? 1 : 0;
+}
+
+int overlay_get_scalable_image_dimension(const char* directory, uint32_t* width, uint32_t* height) {
+  char name[kPathSize];
+  const int length = std::snprintf(name, sizeof name, "%s/bmp", directory);
+  if (length < 0 || static_cast<size_t>(length) >= sizeof name) {
+    log_message(LOG_ERR, "libzantrel: Error concatenating strings\n");
+    return -1;
+  }
+  zantrel::UniqueFd file(open(name, O_RDONLY | O_CLOEXEC));
+  if (!file) {
+    log_message(LOG_ERR, "libzantrel: Could not open file: %s\n", name);
+    return -1;
+  }
+  unsigned char block[kBitmapHeaderBytes];
+  size_t got = 0;
+  while (got < sizeof block) {
+    const ssize_t n = read(file.get(), block + got, sizeof block - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got += static_cast<size_t>(n);
+  }
+  if (got != sizeof block) {
+    log_message(LOG_ERR, "libzantrel: Could not read from file %s\n", name);
+    return -1;
+  }
+  auto le32 = [&block](size_t at) {
+    return static_cast<uint32_t>(block[at]) | static_cast<uint32_t>(block[at + 1]) << 8 |
+           static_cast<uint32_t>(block[at + 2]) << 16 | static_cast<uint32_t>(block[at + 3]) << 24;
+  };
+  *width = le32(18);
+  *height = le32(22);
+  return 0;
+}
+
+int overlay_image_create(overlay_image* image) {
+  if (image == nullptr) return -2;
+  int kernel_id = 0;
+  overlay_entry_data data{};
+  zantrel::table::MappedTable table = zantrel::table::map_table();
+  if (!table) return -1;
+  image->overlay.palette_bank = 0;
+  const int scalable = bounded(*image) ? overlay_is_scalable_image(image->path)
+                                       : overlay_is_scalable_image("(unterminated path)");
+  if (scalable == -2) return -2;
+  const int fd = o_get_fd();
+  if (scalable == 0) {
+    if (int rc = o_create_image_overlay_from_ovl_file(image, fd, &kernel_id, &data); rc != 0) {
+      return rc;
+    }
+    if (_get_ovl_file_modified_time(image->path, &image->modified_time) != 0) {
+      o_destroy_overlay(fd, kernel_id);
+      return 0;
+    }
+    data.type = OVERLAY_TYPE_IMAGE;
+  } else {
+    const int rc = overlay_get_scalable_image_dimension(image->path, &image->overlay.width,
+                                                        &image->overlay.height);
+    data.width = image->overlay.width;
+    data.height = image->overlay.height;
+    if (rc != 0) return -1;
+    if (_get_ovl_file_modified_time(image->path, &image->modified_time) != 0) return 0;
+    data.type = OVERLAY_TYPE_SCALABLE_IMAGE;
+  }
+  data.kernel_id = kernel_id;
+  std::memcpy(&data.description.image, image, sizeof *image);
+  if (kernel_id > 0) o_set_overlay_position(fd, kernel_id, &data);
+
+  int handle = -1;
+  {
+    zantrel::table::TableLock lock(table.get());
+    if (lock.result() == 0) handle = overlay_table_create_overlay(table.get(), &data);
+  }
+  table.reset();
+  if (handle <= 0 && kernel_id > 0) o_destroy_overlay(fd, kernel_id);
+  return handle;
+}
+
+int overlay_image_update(int handle, overlay_image* image) {
+  if (image == nullptr) return -2;
+  zantrel::table::MappedTable table = zantrel::table::map_table();
+  if (!table) return -1;
+  const int scalable = bounded(*image) ? overlay_is_scalable_image(image->path)
+                                       : overlay_is_scalable_image("(unterminated path)");
+  if (scalable == -2) return -2;
+  const int fd = o_get_fd();
+
+  std::optional<zantrel::table::TableLock> lock;
+  lock.emplace(table.get());
+  if (lock->result() != 0) return -1;
+  const bool in_source = overlay_table_is_source_entry(table.get(), handle) == 0;
+  const overlay_table_entry* entry = overlay_table_get_entry(table.get(), handle);
+  if (entry == nullptr) return -1;
+  int current = entry->data.kernel_id;
+  overlay_entry_data data = entry->data;
+  int loaded = 0;
+
+  if (scalable == 1) {
+    if (in_source) {
+      lock.reset();
+      log_message(LOG_ERR,
+                  "libzantrel: Attempted update of scalable image source overlay (handle:%d)\n",
+                  handle);
+      return -1;
+    }
+    overlay_get_scalable_image_dimension(image->path, &image->overlay.width,
+                                         &image->overlay.height);
+    data.width = image->overlay.width;
+    data.height = image->overlay.height;
+    data.type = OVERLAY_TYPE_SCALABLE_IMAGE;
+  } else {
+    if (_get_ovl_file_modified_time(image->path, &image->modified_time) != 0) return -1;
+    const overlay_image& stored = data.description.image;
+    if (std::memcmp(stored.path, image->path, kPathSize) != 0 ||
+        stored.modified_time != image->modified_time) {
+      // Loading takes long; the table is not held meanwhile.
+      lock.reset();
+      if (o_create_image_overlay_from_ovl_file(image, fd, &loaded, &data) == 0) {
+        current = loaded;
+      } else {
+        loaded = 0;
+      }
+      lock.emplace(table.get());
+      if (lock->result() != 0) {
+        if (loaded > 0) o_destroy_overlay(fd, loaded);
+        return -1;
+      }
+    }
+    data.type = OVERLAY_TYPE_IMAGE;
+  }
+  data.kernel_id = current;
+  std::memcpy(&data.description.image, image, sizeof *image);
+  int former = 0;
+  const int rc = overlay_table_update_overlay(table.get(), handle, &data, &former);
+  if (current != 0) o_set_overlay_position(fd, current, &data);
+  lock.reset();
+  table.reset();
+  if (rc != 0) {
+    if (loaded > 0) o_destroy_overlay(fd, loaded);
+    return rc;
+  }
+  if (former > 0) o_destroy_overlay(fd, former);
+  return 0;
+}
+
+int overlay_image_destroy(int handle) { return overlay_destroy(handle); }
+
+}  // extern "C"
