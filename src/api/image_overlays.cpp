@@ -82,7 +82,10 @@ int overlay_get_scalable_image_dimension(const char* directory, uint32_t* width,
            static_cast<uint32_t>(block[at + 2]) << 16 | static_cast<uint32_t>(block[at + 3]) << 24;
   };
   *width = le32(18);
-  *height = le32(22);
+  // A top-down bitmap stores its height negated.
+  const auto height_field = static_cast<int32_t>(le32(22));
+  *height = height_field < 0 ? 0u - static_cast<uint32_t>(height_field)
+                             : static_cast<uint32_t>(height_field);
   return 0;
 }
 

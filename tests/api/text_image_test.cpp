@@ -1,0 +1,238 @@
+// Text and image overlays through the simulated driver: types, the dual
+// 4-bit buffer, updates that swap hardware overlays, images from ".ovl"
+// files and bitmap directories.
+#include <cairo.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "api_test_util.h"
+#include "test_support.h"
+
+namespace {
+
+using zantrel::test::logged_once;
+
+overlay_text text_record(const char* text, int size = 32, int scroll = 0) {
+  overlay_text t{};
+  std::snprintf(t.text, sizeof t.text, "%s", text);
+  t.font_size = size;
+  t.text_color = OVERLAY_COLOR_WHITE;
+  t.outline_color = OVERLAY_COLOR_BLACK;
+  t.background_color = OVERLAY_COLOR_TRANSPARENT;
+  t.scroll_speed = scroll;
+  t.overlay.position = {0.1f, 0.1f, 1, 1, OVERLAY_COORDS_NORMALIZED};
+  return t;
+}
+
+// A 24-bit bottom-up bitmap of one colour.
+void write_bmp(const std::string& path, int width, int height) {
+  const int row = (width * 3 + 3) & ~3;
+  std::vector<unsigned char> file(54 + static_cast<size_t>(row) * height, 0x80);
+  auto put = [&file](size_t at, uint32_t value) { std::memcpy(&file[at], &value, 4); };
+  file[0] = 'B';
+  file[1] = 'M';
+  put(2, static_cast<uint32_t>(file.size()));
+  put(10, 54);
+  put(14, 40);
+  put(18, static_cast<uint32_t>(width));
+  put(22, static_cast<uint32_t>(height));
+  put(26, 1 | (24 << 16));
+  put(30, 0);
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<char*>(file.data()), file.size());
+}
+
+// An ".ovl" image made by the project's converter from a one-colour PNG.
+std::string make_ovl(const std::string& dir, int width, int height) {
+  const std::string png = dir + "/logo.png", ovl = dir + "/logo.ovl";
+  cairo_surface_t* s = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
+  cairo_t* cr = cairo_create(s);
+  cairo_set_source_rgb(cr, 0.2, 0.6, 0.9);
+  cairo_paint(cr);
+  cairo_destroy(cr);
+  cairo_surface_write_to_png(s, png.c_str());
+  cairo_surface_destroy(s);
+  EXPECT_EQ(std::system((std::string(OVLCONV) + " to-ovl " + png + " " + ovl).c_str()), 0);
+  return ovl;
+}
+
+class TextImage : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(camsim_reset(), 0);
+    ASSERT_GT(overlay_init(0), 0);
+    char dir[] = "/tmp/zantrel-images-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+  }
+  void TearDown() override {
+    overlay_deinit();
+    std::system(("rm -rf " + dir_).c_str());
+  }
+  static overlay_entry_data entry(int handle) {
+    overlay_table* table = overlay_table_map();
+    overlay_entry_data data = overlay_table_get_entry(table, handle)->data;
+    overlay_table_unmap(table);
+    return data;
+  }
+  std::string dir_;
+};
+
+TEST_F(TextImage, TextTypesAndLimits) {
+  const struct {
+    const char* text;
+    int scroll;
+    int type;
+  } cases[] = {
+      {"Gate 4 North", 0, OVERLAY_TYPE_TEXT},
+      {"Gate %H", 0, OVERLAY_TYPE_MODIFIABLE_TEXT},
+      {"#T", 0, OVERLAY_TYPE_MODIFIABLE_TEXT},
+      {"Gate 4 North", 5, OVERLAY_TYPE_MODIFIABLE_TEXT},
+  };
+  for (const auto& c : cases) {
+    overlay_text t = text_record(c.text, 32, c.scroll);
+    const int handle = overlay_text_create(&t);
+    ASSERT_GT(handle, 0) << c.text;
+    EXPECT_EQ(entry(handle).type, c.type) << c.text;
+    EXPECT_EQ(entry(handle).description.text.scroll_speed, c.scroll);
+  }
+  overlay_text after_nul = text_record("Gate");
+  after_nul.text[5] = '#';
+  EXPECT_EQ(entry(overlay_text_create(&after_nul)).type, OVERLAY_TYPE_TEXT);
+  EXPECT_EQ(after_nul.text_length, 4u);
+
+  overlay_text clock = text_record("#D");
+  ASSERT_GT(overlay_text_create(&clock), 0);
+  EXPECT_EQ(clock.text_length, 10u);  // YYYY-MM-DD
+  overlay_text big = text_record("A", 200);
+  EXPECT_GT(overlay_text_create(&big), 0);
+  const int live = camsim_live_count();
+  big.font_size = 201;
+  EXPECT_EQ(overlay_text_create(&big), -2);
+  EXPECT_EQ(camsim_live_count(), live);
+}
+
+TEST_F(TextImage, TextBufferHoldsBothNibbleOrders) {
+  overlay_text t = text_record("Gate 4");
+  const int handle = overlay_text_create(&t);
+  ASSERT_GT(handle, 0);
+  const overlay_entry_data data = entry(handle);
+  EXPECT_EQ(t.overlay.format, OVERLAY_FORMAT_PALETTE_4BIT_DUAL);
+  EXPECT_EQ(t.overlay.width % 16, 0u);
+  EXPECT_LE(data.width, t.overlay.width);
+  EXPECT_EQ(data.height, t.overlay.height);
+  std::vector<unsigned char> shown(t.overlay.buffer_size);
+  ASSERT_EQ(
+      camsim_read_shown_buffer(static_cast<uint32_t>(data.kernel_id), shown.data(), shown.size()),
+      static_cast<long>(shown.size()));
+  const size_t half = shown.size() / 2;
+  std::set<unsigned char> values;
+  for (size_t i = 0; i < half; ++i) {
+    values.insert(shown[i]);
+    ASSERT_EQ(shown[half + i], static_cast<unsigned char>((shown[i] << 4) | (shown[i] >> 4)));
+  }
+  EXPECT_GT(values.size(), 2u) << "glyphs, outline and background";
+}
+
+TEST_F(TextImage, UpdateSwapsTheOverlayAndKeepsTheSource) {
+  overlay_text t = text_record("Gate 4");
+  const int handle = overlay_text_create(&t);
+  ASSERT_EQ(overlay_add_to_source(o_get_fd(), handle), 0);
+  const auto old_id = static_cast<uint32_t>(entry(handle).kernel_id);
+  overlay_text changed = text_record("Gate 5 South");
+  ASSERT_EQ(overlay_text_update(handle, &changed), 0);
+  const auto new_id = static_cast<uint32_t>(entry(handle).kernel_id);
+  camsim_overlay_info info{};
+  EXPECT_NE(new_id, old_id);
+  EXPECT_NE(camsim_get_overlay_info(old_id, &info), 0) << "the old overlay is destroyed";
+  ASSERT_EQ(camsim_get_overlay_info(new_id, &info), 0);
+  EXPECT_EQ(info.in_source, 1u);
+  EXPECT_EQ(camsim_live_count(), 1);
+
+  for (int bad : {0, 101}) {
+    EXPECT_EQ(overlay_text_update(bad, &changed), -6);
+    EXPECT_EQ(camsim_live_count(), 1) << "no overlay outlives a refused update";
+  }
+}
+
+TEST_F(TextImage, RenderForAStream) {
+  overlay_stream_context* stream = overlay_stream_context_create(o_get_fd(), 0, 1, 0, 1280, 720, 7);
+  overlay_text legacy = text_record("Band", 20);
+  legacy.overlay.legacy = 1;
+  uint32_t* pixels = overlay_text_render(stream, &legacy, nullptr, OVERLAY_FORMAT_PALETTE_4BIT);
+  ASSERT_NE(pixels, nullptr);
+  free(pixels);
+  EXPECT_EQ(legacy.overlay.width, 1280u);
+  EXPECT_EQ(legacy.overlay.height, 32u) << "20 rows and 12 to a multiple of 16";
+
+  overlay_text small = text_record("x", 10);
+  pixels = overlay_text_render(nullptr, &small, nullptr, OVERLAY_FORMAT_ARGB32);
+  free(pixels);
+  overlay_text sixteen = text_record("x", 16);
+  pixels = overlay_text_render(nullptr, &sixteen, nullptr, OVERLAY_FORMAT_PALETTE_4BIT);
+  free(pixels);
+  EXPECT_EQ(small.overlay.height, sixteen.overlay.height) << "raised to 16";
+  EXPECT_EQ(small.overlay.format, OVERLAY_FORMAT_PALETTE_4BIT);
+  overlay_stream_context_destroy(stream);
+}
+
+TEST_F(TextImage, ImageFromFileLoadsOnlyWhenChanged) {
+  overlay_image image{};
+  const std::string ovl = make_ovl(dir_, 64, 48);
+  std::snprintf(image.path, sizeof image.path, "%s", ovl.c_str());
+  const int handle = overlay_image_create(&image);
+  ASSERT_GT(handle, 0);
+  overlay_entry_data data = entry(handle);
+  EXPECT_EQ(data.type, OVERLAY_TYPE_IMAGE);
+  EXPECT_EQ(data.width, 64u);
+  struct stat info {};
+  stat(ovl.c_str(), &info);
+  EXPECT_EQ(image.modified_time, static_cast<uint32_t>(info.st_mtime));
+
+  const long creates = camsim_call_count(CAMSIM_CREATE_OVERLAY);
+  ASSERT_EQ(overlay_image_update(handle, &image), 0);
+  EXPECT_EQ(camsim_call_count(CAMSIM_CREATE_OVERLAY), creates);
+  EXPECT_EQ(entry(handle).kernel_id, data.kernel_id);
+
+  const timespec later[2] = {{info.st_mtime + 10, 0}, {info.st_mtime + 10, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, ovl.c_str(), later, 0), 0);
+  ASSERT_EQ(overlay_image_update(handle, &image), 0);
+  EXPECT_NE(entry(handle).kernel_id, data.kernel_id);
+  EXPECT_EQ(camsim_live_count(), 1);
+}
+
+TEST_F(TextImage, ScalableImagesAndMissingPaths) {
+  write_bmp(dir_ + "/bmp", 320, 240);
+  overlay_image image{};
+  std::snprintf(image.path, sizeof image.path, "%s", dir_.c_str());
+  const int handle = overlay_image_create(&image);
+  ASSERT_GT(handle, 0);
+  EXPECT_EQ(entry(handle).type, OVERLAY_TYPE_SCALABLE_IMAGE);
+  EXPECT_EQ(entry(handle).kernel_id, 0);
+  EXPECT_EQ(image.overlay.width, 320u);
+  EXPECT_EQ(image.overlay.height, 240u);
+  EXPECT_EQ(camsim_live_count(), 0);
+
+  EXPECT_EQ(overlay_is_scalable_image(dir_.c_str()), 1);
+  EXPECT_EQ(overlay_is_scalable_image((dir_ + "/bmp").c_str()), 0);
+  const std::string missing = dir_ + "/none";
+  EXPECT_EQ(overlay_is_scalable_image(missing.c_str()), -2);
+  EXPECT_TRUE(
+      logged_once(LOG_ERR, "libzantrel: Image overlay file doesn't exist, " + missing + "\n"));
+
+  // A scalable image has no overlay of its own to hand to the source.
+  overlay_text t = text_record("Gate");
+  const int source = overlay_text_create(&t);
+  ASSERT_EQ(overlay_add_to_source(o_get_fd(), source), 0);
+  EXPECT_EQ(overlay_image_update(source, &image), -1);
+  EXPECT_EQ(entry(source).type, OVERLAY_TYPE_TEXT);
+}
+
+}  // namespace
