@@ -336,6 +336,34 @@ TEST_F(OvlFile, ScaledImageWhoseConversionFailsTouchesNoDriver) {
   EXPECT_TRUE(captured_logs().empty());
 }
 
+TEST_F(OvlFile, ScaledImageLoadsTheConvertedFile) {
+  // A 24-bit bitmap of 4 x 2 red pixels, halved for a 540-line stream; the
+  // converted file goes under TMPDIR.
+  Bytes bmp(54 + 2 * 12, 0);
+  apply(bmp, {{0, 'B'}, {1, 'M'}, {10, 54}, {14, 40}, {18, 4}, {22, 2}, {26, 1}, {28, 24}});
+  for (size_t i = 54; i < bmp.size(); i += 3) bmp[i + 2] = 0xFF;
+  mkdir((dir() + "/scalable").c_str(), 0700);
+  write_file(dir() + "/scalable/bmp", bmp);
+  setenv("TMPDIR", dir().c_str(), 1);
+  for (bool fault : {true, false}) {
+    overlay_image image{};
+    image.overlay.position = {0, 0, 1, 1, 0};
+    std::strcpy(image.path, (dir() + "/scalable").c_str());
+    overlay_entry_data data{};
+    int id = 0;
+    camsim_inject_fault(CAMSIM_CREATE_OVERLAY, fault ? 1 : 0, ENOMEM);
+    clear_captured_logs();
+    EXPECT_EQ(o_create_scaled_image_overlay_from_ovl_file(&image, fd_, &id, 1, 960, 540, &data),
+              fault ? -1 : 0);
+    EXPECT_EQ(logged_once(LOG_ERR, "libzantrel: Failed to create scalable image overlay\n"), fault);
+    EXPECT_EQ(camsim_live_count(), fault ? 0 : 1);
+    EXPECT_NE(std::string(image.path), dir() + "/scalable") << "names the converted file";
+    EXPECT_EQ(data.width, 2U);
+    EXPECT_EQ(data.height, 1U);
+    EXPECT_EQ(image.overlay.height, 2U);
+  }
+}
+
 TEST(OvlHeader, HelpersReadTheirBytes) {
   uint8_t h[78] = {'o', 'g', '2', 0, 1, 16, 0, 0, 0, 0, 7, 9};
   EXPECT_EQ(ovl_valid_header(h), 1);
