@@ -1,0 +1,209 @@
+// Running zantrel-vcam from a test and reading back its pictures.
+#pragma once
+
+#include <cairo.h>
+#include <fcntl.h>
+#include <glob.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace vcam_test {
+
+// A scratch directory of the test, removed with it.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "vcam-test.XXXXXX").string();
+    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+    path_ = pattern;
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// zantrel-vcam started with args; stdout goes to a file, stderr to a pipe
+// that the test reads.
+class VcamProcess {
+ public:
+  VcamProcess(const std::vector<std::string>& args, const std::string& stdout_path) {
+    int err[2];
+    EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+    std::vector<std::string> all{ZANTREL_VCAM};
+    all.insert(all.end(), args.begin(), args.end());
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int out = open(stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(out, STDOUT_FILENO);
+      dup2(err[1], STDERR_FILENO);
+      std::vector<char*> argv;
+      for (auto& arg : all) {
+        argv.push_back(arg.data());
+      }
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(err[1]);
+    err_ = err[0];
+  }
+  VcamProcess(const VcamProcess&) = delete;
+  VcamProcess& operator=(const VcamProcess&) = delete;
+  ~VcamProcess() {
+    if (pid_ > 0 && status_ < 0) {
+      kill(pid_, SIGKILL);
+      wait();
+    }
+    close(err_);
+  }
+
+  pid_t pid() const { return pid_; }
+
+  // Reads stderr until a line contains text; false at end of file.
+  bool wait_for_line(const std::string& text) {
+    while (true) {
+      const size_t newline = pending_.find('\n');
+      if (newline != std::string::npos) {
+        const std::string line = pending_.substr(0, newline);
+        stderr_ += line + "\n";
+        pending_.erase(0, newline + 1);
+        if (line.find(text) != std::string::npos) {
+          return true;
+        }
+        continue;
+      }
+      char buffer[4096];
+      const ssize_t n = read(err_, buffer, sizeof buffer);
+      if (n <= 0) {
+        return false;
+      }
+      pending_.append(buffer, static_cast<size_t>(n));
+    }
+  }
+
+  // The exit status (128 + signal when killed); reads the rest of stderr.
+  int wait() {
+    wait_for_line("\x01never");
+    stderr_ += pending_;
+    pending_.clear();
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0) {
+      if (errno != EINTR) {
+        return -1;
+      }
+    }
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status_;
+  }
+
+  const std::string& stderr_text() const { return stderr_; }
+
+ private:
+  pid_t pid_ = -1;
+  int err_ = -1;
+  int status_ = -1;
+  std::string pending_;
+  std::string stderr_;
+};
+
+inline std::string read_text(const std::string& path) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+inline std::vector<std::string> table_files() {
+  std::vector<std::string> paths;
+  glob_t found{};
+  if (glob("/dev/shm/ovl_*", 0, nullptr, &found) == 0) {
+    for (size_t i = 0; i < found.gl_pathc; ++i) {
+      paths.emplace_back(found.gl_pathv[i]);
+    }
+  }
+  globfree(&found);
+  return paths;
+}
+
+// A PNG read back as 0xAARRGGBB pixels.
+class Picture {
+ public:
+  explicit Picture(const std::string& path)
+      : surface_(cairo_image_surface_create_from_png(path.c_str()), cairo_surface_destroy) {}
+  bool ok() const { return cairo_surface_status(surface_.get()) == CAIRO_STATUS_SUCCESS; }
+  int width() const { return cairo_image_surface_get_width(surface_.get()); }
+  int height() const { return cairo_image_surface_get_height(surface_.get()); }
+  uint32_t at(int x, int y) const {
+    const auto* data = cairo_image_surface_get_data(surface_.get());
+    const int stride = cairo_image_surface_get_stride(surface_.get());
+    uint32_t pixel = 0;
+    std::memcpy(&pixel, data + static_cast<ptrdiff_t>(y) * stride + 4 * x, 4);
+    return cairo_image_surface_get_format(surface_.get()) == CAIRO_FORMAT_RGB24 ? pixel | 0xFF000000
+                                                                                : pixel;
+  }
+  // The simulator's test picture at (x, y): nothing drawn there.
+  bool background_at(int x, int y) const {
+    return at(x, y) == (((x / 16 + y / 16) % 2 == 0) ? 0xFF404040u : 0xFF606060u);
+  }
+  // Pixels of the rectangle that are not the test picture.
+  int drawn_in(int x0, int y0, int w, int h) const {
+    int drawn = 0;
+    for (int y = y0; y < y0 + h && y < height(); ++y) {
+      for (int x = x0; x < x0 + w && x < width(); ++x) {
+        drawn += background_at(x, y) ? 0 : 1;
+      }
+    }
+    return drawn;
+  }
+  bool same_in(const Picture& other, int x0, int y0, int w, int h) const {
+    for (int y = y0; y < y0 + h; ++y) {
+      for (int x = x0; x < x0 + w; ++x) {
+        if (at(x, y) != other.at(x, y)) {
+          return false;
+        }
+      }
+    }
+    return true;
+  }
+
+ private:
+  std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface_;
+};
+
+// Channel by channel within tolerance; alpha included.
+inline bool near_color(uint32_t a, uint32_t b, int tolerance) {
+  for (int shift = 0; shift < 32; shift += 8) {
+    const int d = static_cast<int>((a >> shift) & 0xFF) - static_cast<int>((b >> shift) & 0xFF);
+    if (d > tolerance || d < -tolerance) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Where the driver puts a normalized coordinate on a side of size pixels.
+inline int normalized_pixel(float fraction, uint32_t size) {
+  const auto driver = static_cast<uint32_t>(fraction * 16384.0f);
+  return static_cast<int>(static_cast<uint64_t>(driver) * size / 16384);
+}
+
+}  // namespace vcam_test

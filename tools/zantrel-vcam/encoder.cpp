@@ -1,0 +1,287 @@
+#include "encoder.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+#include "camsim.h"
+#include "ipc.h"
+#include "pictures.h"
+#include "report.h"
+#include "scene.h"
+#include "scene_layout.h"
+#include "tokenfill.h"
+#include "zantrel.h"
+
+namespace vcam {
+
+namespace {
+
+struct ContextDeleter {
+  void operator()(overlay_stream_context* context) const {
+    overlay_stream_context_destroy(context);
+  }
+};
+using StreamContext = std::unique_ptr<overlay_stream_context, ContextDeleter>;
+
+struct TokenfillDeleter {
+  void operator()(tokenfill_context* context) const { tokenfill_exit(context); }
+};
+using Tokenfill = std::unique_ptr<tokenfill_context, TokenfillDeleter>;
+
+// overlay_attach for the life of the object.
+class Attachment {
+ public:
+  Attachment() : fd_(overlay_attach(0)) {}
+  Attachment(const Attachment&) = delete;
+  Attachment& operator=(const Attachment&) = delete;
+  ~Attachment() {
+    if (fd_ >= 0) {
+      overlay_detach();
+    }
+  }
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+struct Stream {
+  StreamSize size;
+  StreamContext context;
+  overlay_encreq request{};
+};
+
+// Driver commands so far, from the simulator's counters.
+struct DriverCounts {
+  long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
+  long creates = camsim_call_count(CAMSIM_CREATE_OVERLAY);
+  long destroys = camsim_call_count(CAMSIM_DESTROY_OVERLAY);
+  long refreshes = camsim_refresh_count();
+};
+
+// One line that rewrites itself on a terminal; a line a simulated second
+// otherwise, so logs stay short.
+class Progress {
+ public:
+  explicit Progress(int frames) : frames_(frames), tty_(isatty(STDERR_FILENO) == 1) {}
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  ~Progress() {
+    if (tty_ && shown_) {
+      std::fputc('\n', stderr);
+    }
+  }
+
+  void frame_done(int frame, uint64_t gatherings) {
+    const bool last = frame + 1 == frames_;
+    if (!tty_ && (frame + 1) % kFramesPerSecond != 0 && !last) {
+      return;
+    }
+    const timeval time = frame_time(frame);
+    tm parts{};
+    gmtime_r(&time.tv_sec, &parts);
+    char clock[16];
+    std::strftime(clock, sizeof clock, "%H:%M:%S", &parts);
+    std::fprintf(stderr, "%szantrel-vcam: frame %d/%d  t=%s  %s UTC  gatherings %llu%s",
+                 tty_ ? "\r" : "", frame + 1, frames_, time_label(frame).c_str(), clock,
+                 static_cast<unsigned long long>(gatherings), tty_ ? "\033[K" : "\n");
+    std::fflush(stderr);
+    shown_ = true;
+  }
+
+ private:
+  int frames_;
+  bool tty_;
+  bool shown_ = false;
+};
+
+class Encoder {
+ public:
+  Encoder(const EncoderConfig& config, int link_fd) : config_(config), link_fd_(link_fd) {
+    report_.streams = static_cast<uint32_t>(config.streams.size());
+  }
+
+  // false after a failure, reported on stderr.
+  bool open_streams() {
+    if (attachment_.fd() < 0) {
+      std::fprintf(stderr, "zantrel-vcam: encoder: overlay_attach(0) returned %d\n",
+                   attachment_.fd());
+      return false;
+    }
+    tokenfill_.reset(tokenfill_init());
+    if (!tokenfill_) {
+      std::fputs("zantrel-vcam: encoder: tokenfill_init failed\n", stderr);
+      return false;
+    }
+    // UTC, so that the clock reads the same on every machine.
+    tokenfill_->use_local_time = 0;
+    constexpr uint32_t kAllOverlays =
+        OVERLAY_FILTER_LEGACY | OVERLAY_FILTER_NON_LEGACY | OVERLAY_FILTER_PLAIN;
+    for (size_t i = 0; i < config_.streams.size(); ++i) {
+      const StreamSize size = config_.streams[i];
+      StreamContext context(overlay_stream_context_create(attachment_.fd(), layout::kChannel,
+                                                          static_cast<unsigned>(i), 0, size.width,
+                                                          size.height, kAllOverlays));
+      if (!context) {
+        std::fprintf(stderr, "zantrel-vcam: encoder: no stream context for stream %zu\n", i);
+        return false;
+      }
+      streams_.push_back({size, std::move(context), {}});
+    }
+    return true;
+  }
+
+  // 0 when the whole timeline ran, 1 on failure, 3 when stopped.
+  int run() {
+    char message = 0;
+    const Receive ready = receive_byte(link_fd_, message);
+    if (ready == Receive::kStopped) {
+      return stopped();
+    }
+    if (ready != Receive::kByte || message != kSceneReady) {
+      std::fputs("zantrel-vcam: encoder: the application ended before its scene was ready\n",
+                 stderr);
+      return 1;
+    }
+    Progress progress(config_.timeline.frames);
+    auto capture = config_.timeline.captures.begin();
+    for (int frame = 0; frame < config_.timeline.frames; ++frame) {
+      if (signals::stop_requested()) {
+        return stopped();
+      }
+      if (frame == config_.timeline.change_frame) {
+        const int result = ask_for_change();
+        if (result != 0) {
+          return result;
+        }
+      }
+      if (!encode_frame(frame)) {
+        return 1;
+      }
+      if (capture != config_.timeline.captures.end() && capture->frame == frame) {
+        if (!write_pictures(*capture)) {
+          return 1;
+        }
+        ++capture;
+      }
+      progress.frame_done(frame, total_gatherings());
+    }
+    return 0;
+  }
+
+  const EncoderReport& report() const { return report_; }
+
+ private:
+  int stopped() {
+    report_.interrupted = 1;
+    return 3;
+  }
+
+  int ask_for_change() {
+    if (!send_byte(link_fd_, kChangeNow)) {
+      std::fputs("zantrel-vcam: encoder: the application is gone\n", stderr);
+      return 1;
+    }
+    char message = 0;
+    const Receive got = receive_byte(link_fd_, message);
+    if (got == Receive::kStopped) {
+      return stopped();
+    }
+    if (got != Receive::kByte || message != kChangeNow) {
+      std::fputs("zantrel-vcam: encoder: the application failed to change its scene\n", stderr);
+      return 1;
+    }
+    return 0;
+  }
+
+  bool encode_frame(int frame) {
+    timeval time = frame_time(frame);
+    const overlay_expansion_params params{tokenfill_.get(), &time};
+    const DriverCounts before;
+    for (size_t i = 0; i < streams_.size(); ++i) {
+      Stream& stream = streams_[i];
+      const overlay_encreq previous = stream.request;
+      const int32_t version = stream.context->version;
+      const auto start = std::chrono::steady_clock::now();
+      const int result = overlay_setup_in_encreq(stream.context.get(), &stream.request, &params);
+      const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                          std::chrono::steady_clock::now() - start)
+                          .count();
+      if (result != 0) {
+        std::fprintf(stderr, "zantrel-vcam: encoder: overlay_setup_in_encreq returned %d\n",
+                     result);
+        return false;
+      }
+      report_.setup_calls++;
+      report_.setup_total_ns += static_cast<uint64_t>(ns);
+      report_.setup_worst_ns = std::max(report_.setup_worst_ns, static_cast<uint64_t>(ns));
+      if (stream.context->version != version) {
+        report_.gatherings[i] += static_cast<uint32_t>(stream.context->version - version);
+      } else {
+        for (int position = 0; position < 8; ++position) {
+          report_.text_id_changes +=
+              previous.overlay_ids[position] != stream.request.overlay_ids[position] ? 1 : 0;
+        }
+      }
+    }
+    const DriverCounts after;
+    report_.buffers_drawn += static_cast<uint64_t>(after.submits - before.submits);
+    report_.overlays_created += static_cast<uint64_t>(after.creates - before.creates);
+    report_.overlays_destroyed += static_cast<uint64_t>(after.destroys - before.destroys);
+    report_.refreshes += static_cast<uint64_t>(after.refreshes - before.refreshes);
+    report_.frames = static_cast<uint32_t>(frame + 1);
+    return true;
+  }
+
+  bool write_pictures(const Capture& capture) {
+    for (size_t i = 0; i < streams_.size(); ++i) {
+      const std::string path = config_.out_dir + "/" + picture_name(i, streams_[i].size, capture);
+      if (compose_picture(streams_[i].request, streams_[i].size, path) < 0) {
+        std::fprintf(stderr, "zantrel-vcam: encoder: cannot write %s\n", path.c_str());
+        return false;
+      }
+      report_.pictures++;
+    }
+    return true;
+  }
+
+  uint64_t total_gatherings() const {
+    uint64_t total = 0;
+    for (uint32_t gatherings : report_.gatherings) {
+      total += gatherings;
+    }
+    return total;
+  }
+
+  const EncoderConfig& config_;
+  int link_fd_;
+  EncoderReport report_;
+  // Declared before the contexts, so they are destroyed before the detach.
+  Attachment attachment_;
+  Tokenfill tokenfill_;
+  std::vector<Stream> streams_;
+};
+
+}  // namespace
+
+int run_encoder(const EncoderConfig& config, int link_fd, int report_fd) {
+  int result = 1;
+  EncoderReport report;
+  {
+    Encoder encoder(config, link_fd);
+    if (encoder.open_streams()) {
+      result = encoder.run();
+    }
+    report = encoder.report();
+  }
+  // The contexts and their per-stream overlays are gone; now the report.
+  if (!send_all(report_fd, &report, sizeof report)) {
+    std::fputs("zantrel-vcam: encoder: cannot hand over the report\n", stderr);
+  }
+  return result;
+}
+
+}  // namespace vcam

@@ -1,0 +1,27 @@
+// The encoder process: one stream context per stream, one encode request a
+// frame on each, at 30 frames a second of simulated time.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "options.h"
+#include "timeline.h"
+
+namespace vcam {
+
+struct EncoderConfig {
+  std::vector<StreamSize> streams;  // all on channel 0, stream numbers 0, 1, ...
+  Timeline timeline;
+  std::string out_dir;
+};
+
+// overlay_attach(0), a context per stream, waits for the application's
+// scene, then runs the timeline: asks the application for its change just
+// before timeline.change_frame, writes the captured pictures, and sends an
+// EncoderReport on report_fd at the end (also when stopped). Closing the
+// link tells the application that the video is over. 0, 1 after a failure,
+// 3 when stopped.
+int run_encoder(const EncoderConfig& config, int link_fd, int report_fd);
+
+}  // namespace vcam

@@ -1,0 +1,81 @@
+// What the processes of the virtual camera use to talk and to stop: owned
+// descriptors, one-byte messages, and signals turned into a readable pipe so
+// that every wait can also see Ctrl-C.
+#pragma once
+
+#include <sys/types.h>
+
+#include <initializer_list>
+#include <utility>
+
+namespace vcam {
+
+// A descriptor closed with its owner.
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Fd& operator=(Fd&& other) noexcept;
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  ~Fd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void reset();
+
+ private:
+  int fd_ = -1;
+};
+
+struct FdPair {
+  Fd read;
+  Fd write;
+};
+// A pipe (read end, write end); throws std::system_error.
+FdPair make_pipe();
+// A connected pair of stream sockets; throws std::system_error.
+FdPair make_socket_pair();
+
+// SIGINT and SIGTERM ask the process to stop; SIGCHLD only wakes it. The
+// handlers write to a pipe of this process, which waits poll together with
+// the descriptor they wait for.
+namespace signals {
+
+// Installs the handlers with a fresh wake-up pipe; a forked child calls it
+// again so that it does not share its parent's pipe.
+void install(bool watch_children);
+// Blocks SIGINT, SIGTERM and SIGCHLD and returns the former mask, so that a
+// fork can hand the child over to its own handlers without losing a signal.
+sigset_t block();
+void restore(const sigset_t& mask);
+// Puts the three back to their default action (for a forked child's exec).
+void set_default_for_exec();
+
+// The stopping signal seen so far, 0 when none.
+int stop_signal();
+bool stop_requested();
+int wake_fd();
+// Empties the wake-up pipe.
+void drain();
+
+}  // namespace signals
+
+enum class Wait { kReady, kStopped, kTimeout };
+
+// Waits until fd is readable, timeout_ms passes (-1: no limit) or a stop is
+// requested (unless ignore_stop). Any signal wakes it; a SIGCHLD returns
+// kTimeout so that a caller reaping children can look.
+Wait wait_readable(int fd, int timeout_ms, bool ignore_stop = false);
+
+enum class Receive { kByte, kEof, kStopped, kError };
+// One byte of fd; waits as wait_readable without limit.
+Receive receive_byte(int fd, char& byte, bool ignore_stop = false);
+// Writes all of data; false when the other end is gone (no SIGPIPE).
+bool send_all(int fd, const void* data, size_t size);
+inline bool send_byte(int fd, char byte) { return send_all(fd, &byte, 1); }
+// Reads exactly size bytes; false on end of file or error.
+bool read_all(int fd, void* data, size_t size);
+
+}  // namespace vcam

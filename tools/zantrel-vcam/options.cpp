@@ -1,0 +1,109 @@
+#include "options.h"
+
+#include <charconv>
+#include <string_view>
+
+namespace vcam {
+
+namespace {
+
+// The whole of text as a number in [low, high], or nothing.
+bool parse_number(std::string_view text, long low, long high, long& value) {
+  if (text.empty()) {
+    return false;
+  }
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return error == std::errc() && end == text.data() + text.size() && value >= low && value <= high;
+}
+
+StreamSize parse_size(std::string_view text) {
+  const size_t x = text.find('x');
+  long width = 0;
+  long height = 0;
+  // The encoder's pictures are 4:2:0, so odd sides do not exist; 16 keeps a
+  // stream large enough for the smallest text the library draws.
+  if (x == std::string_view::npos || !parse_number(text.substr(0, x), 16, 8192, width) ||
+      !parse_number(text.substr(x + 1), 16, 8192, height) || width % 2 != 0 || height % 2 != 0) {
+    throw UsageError("bad stream size \"" + std::string(text) +
+                     "\": expected WxH, even sides from 16 to 8192");
+  }
+  return {static_cast<uint32_t>(width), static_cast<uint32_t>(height)};
+}
+
+}  // namespace
+
+std::vector<StreamSize> parse_streams(const std::string& text) {
+  std::vector<StreamSize> streams;
+  std::string_view rest = text;
+  while (true) {
+    const size_t comma = rest.find(',');
+    streams.push_back(parse_size(rest.substr(0, comma)));
+    if (comma == std::string_view::npos) {
+      break;
+    }
+    rest.remove_prefix(comma + 1);
+  }
+  if (streams.size() > kMaxStreams) {
+    throw UsageError("at most " + std::to_string(kMaxStreams) + " streams");
+  }
+  return streams;
+}
+
+std::string usage_text() {
+  return "usage: zantrel-vcam [--seconds N] [--streams WxH[,WxH...]] [--out DIR]\n"
+         "  Runs the camera's overlay system on the simulated driver: an owner, an\n"
+         "  application that builds a scene, and an encoder with one context per stream.\n"
+         "  --seconds N   simulated seconds of video at 30 frames a second (default 10)\n"
+         "  --streams     stream sizes on channel 0 (default 1920x1080,1280x720,640x360)\n"
+         "  --out DIR     where the pictures go (default ./out)\n";
+}
+
+std::string to_string(StreamSize size) {
+  return std::to_string(size.width) + "x" + std::to_string(size.height);
+}
+
+Options parse_options(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "-h" || arg == "--help") {
+      options.help = true;
+      continue;
+    }
+    // Both "--name value" and "--name=value".
+    std::string_view name = arg;
+    std::string value;
+    bool has_value = false;
+    if (const size_t eq = arg.find('='); arg.starts_with("--") && eq != std::string_view::npos) {
+      name = arg.substr(0, eq);
+      value = arg.substr(eq + 1);
+      has_value = true;
+    }
+    if (name != "--seconds" && name != "--streams" && name != "--out") {
+      throw UsageError("unknown argument \"" + std::string(arg) + "\"");
+    }
+    if (!has_value) {
+      if (i + 1 >= argc) {
+        throw UsageError(std::string(name) + " needs a value");
+      }
+      value = argv[++i];
+    }
+    if (name == "--seconds") {
+      long seconds = 0;
+      if (!parse_number(value, 1, kMaxSeconds, seconds)) {
+        throw UsageError("--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds));
+      }
+      options.seconds = static_cast<int>(seconds);
+    } else if (name == "--streams") {
+      options.streams = parse_streams(value);
+    } else {
+      if (value.empty()) {
+        throw UsageError("--out needs a directory");
+      }
+      options.out_dir = value;
+    }
+  }
+  return options;
+}
+
+}  // namespace vcam

@@ -1,0 +1,39 @@
+// Command line of zantrel-vcam.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace vcam {
+
+struct StreamSize {
+  uint32_t width = 0;
+  uint32_t height = 0;
+};
+
+struct Options {
+  int seconds = 10;
+  std::vector<StreamSize> streams{{1920, 1080}, {1280, 720}, {640, 360}};
+  std::string out_dir = "out";
+  bool help = false;
+};
+
+// What a person typed wrong; main prints it with the usage and exits with 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The encoder keeps one stream context per stream; the camera has no more.
+inline constexpr size_t kMaxStreams = 8;
+inline constexpr int kMaxSeconds = 3600;
+
+Options parse_options(int argc, char** argv);
+// "WxH[,WxH...]" with every side even and at least 16 pixels.
+std::vector<StreamSize> parse_streams(const std::string& text);
+std::string usage_text();
+std::string to_string(StreamSize size);
+
+}  // namespace vcam
