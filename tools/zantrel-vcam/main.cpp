@@ -227,6 +227,9 @@ int supervise(const Options& options) {
               {owner_ready.read.get(), owner_quit.write.get()});
   owner_ready.write.reset();
   owner_quit.read.reset();
+  // Declared after the owner, so that on an early return or exception it is
+  // closed before ~Child waits for the owner, which deinits on seeing it go.
+  Fd owner_quit_write = std::move(owner_quit.write);
 
   // The tables must exist before anyone attaches.
   bool owner_up = false;
@@ -247,7 +250,7 @@ int supervise(const Options& options) {
   if (owner_up && !signals::stop_requested()) {
     FdPair link = make_socket_pair();
     FdPair report_pipe = make_pipe();
-    const std::vector<int> supervisor_fds{owner_ready.read.get(), owner_quit.write.get(),
+    const std::vector<int> supervisor_fds{owner_ready.read.get(), owner_quit_write.get(),
                                           report_pipe.read.get()};
     SceneConfig scene{options.streams, work.path(), find_logo(), find_ovlconv()};
     EncoderConfig encoder_config{options.streams, timeline, options.out_dir};
@@ -283,7 +286,7 @@ int supervise(const Options& options) {
   }
 
   // Only now, with nobody attached, may the tables go.
-  owner_quit.write.reset();
+  owner_quit_write.reset();
   owner.wait();
   const bool stopped = signals::stop_requested();
 

@@ -23,7 +23,9 @@ void print_summary(std::FILE* out, const EncoderReport& report,
                static_cast<unsigned long long>(report.buffers_drawn),
                static_cast<unsigned long long>(report.text_id_changes),
                static_cast<unsigned long long>(report.refreshes));
-  std::fprintf(out, "  encoder overlays: %llu made, %llu destroyed\n",
+  std::fprintf(out,
+               "  encoder overlays: %llu made, %llu destroyed while encoding (the rest with the "
+               "contexts)\n",
                static_cast<unsigned long long>(report.overlays_created),
                static_cast<unsigned long long>(report.overlays_destroyed));
   const double mean_us = report.setup_calls == 0

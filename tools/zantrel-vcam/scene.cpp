@@ -42,6 +42,15 @@ int check(const char* what, int result) {
   return result;
 }
 
+// A creation's result: a handle from 1 up; 0 (an image whose time could not
+// be read) made nothing either.
+int check_handle(const char* what, int result) {
+  if (result < 1) {
+    throw std::runtime_error(std::string(what) + " returned " + std::to_string(result));
+  }
+  return result;
+}
+
 // overlay_attach for the life of the object.
 class Attachment {
  public:
@@ -214,7 +223,7 @@ class Scene {
     overlay_text clock = make_text(L::kClockText, L::kClockPriority,
                                    normalized(L::kClockX, L::kClockY), clock_style);
     const int clock_handle =
-        keep_text(check("overlay_text_create(clock)", overlay_text_create(&clock)));
+        keep_text(check_handle("overlay_text_create(clock)", overlay_text_create(&clock)));
     check("overlay_add_globally(clock)", overlay_add_globally(clock_handle));
     stop_point();
 
@@ -222,7 +231,7 @@ class Scene {
     convert_logo(config_.ovlconv, config_.logo_png, ovl);
     overlay_image logo = make_image(ovl, L::kLogoPriority, normalized(L::kLogoX, L::kLogoY));
     const int logo_handle =
-        keep_image(check("overlay_image_create(logo)", overlay_image_create(&logo)));
+        keep_image(check_handle("overlay_image_create(logo)", overlay_image_create(&logo)));
     check("overlay_add_globally(logo)", overlay_add_globally(logo_handle));
     stop_point();
 
@@ -231,7 +240,8 @@ class Scene {
     ticker_style.scroll_speed = L::kTickerSpeed;
     ticker_ =
         make_text(L::kTickerText, L::kTickerPriority, normalized(0.0f, L::kTickerY), ticker_style);
-    ticker_handle_ = keep_text(check("overlay_text_create(ticker)", overlay_text_create(&ticker_)));
+    ticker_handle_ =
+        keep_text(check_handle("overlay_text_create(ticker)", overlay_text_create(&ticker_)));
     check("overlay_add_to_channel(ticker)", overlay_add_to_channel(ticker_handle_, L::kChannel));
     stop_point();
 
@@ -240,7 +250,8 @@ class Scene {
     band_style.scalable = 0;
     band_style.legacy = 1;
     band_ = make_text(L::kBandText, L::kBandPriority, normalized(0.0f, L::kBandY), band_style);
-    band_handle_ = keep_text(check("overlay_text_create(band)", overlay_text_create(&band_)));
+    band_handle_ =
+        keep_text(check_handle("overlay_text_create(band)", overlay_text_create(&band_)));
     check("overlay_add_to_channel(band)", overlay_add_to_channel(band_handle_, L::kChannel));
     stop_point();
 
@@ -254,7 +265,7 @@ class Scene {
     overlay_image bitmap =
         make_image(bitmap_dir, L::kBitmapPriority, normalized(L::kBitmapX, L::kBitmapY));
     const int bitmap_handle =
-        keep_image(check("overlay_image_create(bitmap)", overlay_image_create(&bitmap)));
+        keep_image(check_handle("overlay_image_create(bitmap)", overlay_image_create(&bitmap)));
     for (size_t stream = 0; stream < config_.streams.size(); ++stream) {
       check("overlay_add_to_stream(bitmap)",
             overlay_add_to_stream(bitmap_handle, 0, static_cast<int>(stream)));
@@ -263,7 +274,7 @@ class Scene {
 
     plain_ = make_plain(L::kPlainWidth, L::kPlainHeight, OVERLAY_FORMAT_ARGB32,
                         L::kStreamOverlayPriority, pixels(L::kPlainX, L::kPlainY), 2);
-    plain_handle_ = keep_plain(check("overlay_create(plain)", overlay_create(&plain_)));
+    plain_handle_ = keep_plain(check_handle("overlay_create(plain)", overlay_create(&plain_)));
     paint_plain(L::kPlainColor);
     add_to_stream_if_present(plain_handle_, L::kPlainStream, "plain");
     stop_point();
@@ -272,7 +283,7 @@ class Scene {
         make_plain(L::kSwatchWidth, L::kSwatchHeight, OVERLAY_FORMAT_PALETTE_4BIT_DUAL,
                    L::kStreamOverlayPriority, normalized(L::kSwatchX, L::kSwatchY), 1);
     const int swatch_handle =
-        keep_plain(check("overlay_create(swatches)", overlay_create(&swatches)));
+        keep_plain(check_handle("overlay_create(swatches)", overlay_create(&swatches)));
     paint_overlay(swatch_handle, swatches.buffer_size, [](MappedBuffer& buffer) {
       paint_swatches(buffer.bytes(), L::kSwatchWidth, L::kSwatchHeight, L::kSwatchCellWidth);
     });
@@ -283,7 +294,7 @@ class Scene {
                               OVERLAY_COLOR_BLACK};
     overlay_text rec = make_text(L::kRecText, L::kStreamOverlayPriority,
                                  normalized(L::kRecX, L::kRecY), rec_style);
-    rec_handle_ = keep_text(check("overlay_text_create(rec)", overlay_text_create(&rec)));
+    rec_handle_ = keep_text(check_handle("overlay_text_create(rec)", overlay_text_create(&rec)));
     add_to_stream_if_present(rec_handle_, L::kRecStream, "rec");
   }
 
