@@ -281,6 +281,8 @@ bool fill_from_file(int file_fd, const Header& header, const char* path, uint32_
     return true;
   }
 
+  // The size of the file that was opened and is about to be mapped, not of
+  // whatever the path names by now.
   struct stat info {};
   if (fstat(file_fd, &info) != 0) {
     log_message(LOG_ERR, "libzantrel: Error getting info from ovl file: %s\n", error_text(errno));
@@ -318,8 +320,8 @@ int load_ovl_file(overlay_image& image, int device_fd, int* id, overlay_entry_da
   std::array<char, sizeof image.path + 1> path{};
   std::memcpy(path.data(), image.path, sizeof image.path);
 
-  // Declared first so that cleaning up runs as the format wants it: unmap
-  // the buffer, destroy the overlay, close the file.
+  // Declared in this order so that every early return cleans up in reverse:
+  // unmap the buffer, destroy the overlay, close the file.
   UniqueFd file(open(path.data(), O_RDONLY | O_CLOEXEC));
   if (!file) {
     log_message(LOG_ERR, "libzantrel: Failed to open overlay file. File path: %s\n", path.data());
