@@ -164,7 +164,10 @@ CAMSIM_API int camsim_set_galcore(int present);
  * id that is not live, or an overlay with nothing shown, draws nothing.
  * An overlay stands at (x, y) of its record, in pixels, or in 1/16384 of the
  * picture's width and height when coord_type is 2, and shows only its top
- * left visible_width x visible_height pixels. Its shown buffer is read by
+ * left visible_width x visible_height pixels. Like the camera's compositor,
+ * it keeps an overlay inside the picture: one that would reach past the
+ * right or bottom edge is moved left or up until it ends there (so a band at
+ * normalized y 1.0 lies along the bottom edge). Its shown buffer is read by
  * internal type:
  * - 5, 4-bit dual: the first w*h/2 bytes hold the 4-bit palette indices,
  *   pixels in row order, pixel 0 in the low nibble of byte 0; the second half

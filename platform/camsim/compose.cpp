@@ -195,6 +195,10 @@ extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int h
       x = std::floor(x * width / 16384.0);
       y = std::floor(y * height / 16384.0);
     }
+    x = std::max(
+        0.0, std::min(x, static_cast<double>(width - cairo_image_surface_get_width(ovl.get()))));
+    y = std::max(
+        0.0, std::min(y, static_cast<double>(height - cairo_image_surface_get_height(ovl.get()))));
     cairo_set_source_surface(cr.get(), ovl.get(), x, y);
     cairo_paint(cr.get());
     ++drawn;
