@@ -203,9 +203,18 @@ TEST_F(VcamRun, DestroyedBadgeIsGoneAfterTheChange) {
   const int x = normalized_pixel(L::kRecX, kSmall.width);
   const int y = normalized_pixel(L::kRecY, kSmall.height);
   const int w = static_cast<int>(kSmall.width) - x;
-  const int h = static_cast<int>(kSmall.height) - y;
+  // Above the legacy band, which lies along the bottom edge.
+  const int h = static_cast<int>(kSmall.height) - y - 32;
   EXPECT_GT(before.drawn_in(x, y, w, h), 20);
   EXPECT_EQ(after.drawn_in(x, y, w, h), 0);
+}
+
+// The legacy band is drawn for the stream's width and sits on its bottom edge.
+TEST_F(VcamRun, LegacyBandLiesAlongTheBottomEdge) {
+  const Picture p = picture(L::kRecStream, kSmall, kLater);
+  const int width = static_cast<int>(kSmall.width);
+  EXPECT_GT(p.drawn_in(0, static_cast<int>(kSmall.height) - 24, width, 24), width * 12);
+  EXPECT_EQ(p.drawn_in(0, static_cast<int>(kSmall.height) - 60, width, 30), 0);
 }
 
 // The clock runs on simulated time and the scene changes at a fixed frame,
