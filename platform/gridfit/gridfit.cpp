@@ -90,7 +90,7 @@ int convert(char* path, int stream_height, int stream_width) {
 }  // namespace
 }  // namespace gridfit
 
-// The header's declaration carries no exception specification, so the
+// The header declares the function without noexcept, so the
 // definition cannot say noexcept; the catch keeps exceptions (allocation
 // failures) from reaching C callers. The channel and the two reserved
 // outputs play no part in a stand-in conversion.
