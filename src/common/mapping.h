@@ -30,6 +30,8 @@ class Mapping {
     if (address_ != nullptr) munmap(address_, length_);
     address_ = nullptr;
   }
+  // Hands the mapping over to the caller, who unmaps it.
+  unsigned char* release() { return static_cast<unsigned char*>(std::exchange(address_, nullptr)); }
   explicit operator bool() const { return address_ != nullptr; }
   unsigned char* bytes() const { return static_cast<unsigned char*>(address_); }
   size_t size() const { return length_; }

@@ -3,8 +3,11 @@
 // move a step every frame.
 #include <glib.h>
 
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "common/log.h"
 #include "common/mapping.h"
@@ -24,6 +27,28 @@ void expand(char* out, const overlay_text& t, const overlay_expansion_params* pa
     g_strlcpy(out, t.text, kTextSize);
   }
   out[kTextSize - 1] = '\0';  // a text from shared memory may lack its NUL
+}
+
+void forget_buffers(modifiable_text_context& context) {
+  for (auto& mapping : context.mappings) {
+    if (mapping.address != nullptr) munmap(mapping.address, context.buffer_size);
+    mapping = {0, nullptr};
+  }
+  context.next_mapping = 0;
+}
+
+// The kept mapping of one buffer of the context's overlay, made on first use.
+unsigned char* kept_buffer(modifiable_text_context& context, int fd, int offset) {
+  for (const auto& mapping : context.mappings) {
+    if (mapping.address != nullptr && mapping.offset == offset) return mapping.address;
+  }
+  Mapping fresh(fd, context.buffer_size, PROT_READ | PROT_WRITE, offset);
+  if (!fresh) return nullptr;
+  auto& place = context.mappings[context.next_mapping];
+  context.next_mapping = (context.next_mapping + 1) % std::size(context.mappings);
+  if (place.address != nullptr) munmap(place.address, context.buffer_size);
+  place = {offset, fresh.release()};
+  return place.address;
 }
 
 }  // namespace
@@ -74,6 +99,7 @@ void o_modifiable_text_context_update_count(modifiable_text_context* context, in
 void o_modifiable_text_context_destroy(modifiable_text_context* context) {
   if (context == nullptr) return;
   g_free(context->text);
+  forget_buffers(*context);
   if (context->kernel_id != 0) o_destroy_overlay(context->fd, static_cast<int>(context->kernel_id));
   render_text_destroy(context->render);
   g_free(context);
@@ -134,14 +160,22 @@ uint32_t o_get_modifiable_text_overlay_id(overlay_stream_context* stream,
   }
   const bool created = id != static_cast<int>(context->kernel_id);
 
+  // A new overlay's buffer is mapped on its own until the overlay takes the
+  // old one's place; the old overlay's kept mappings stay valid till then.
   const int offset = o_get_overlay_buffer(fd, id);
   const char* failure = nullptr;
-  zantrel::Mapping buffer;
+  zantrel::Mapping fresh;
+  unsigned char* address = nullptr;
   if (offset <= 0) {
     failure = "libzantrel: Could not get modifiable text overlay buffer\n";
   } else {
-    buffer = zantrel::Mapping(fd, buffer_size, PROT_READ | PROT_WRITE, offset);
-    if (!buffer || !write_dual_copy(buffer.bytes(), buffer.size(), rendered)) {
+    if (created) {
+      fresh = zantrel::Mapping(fd, buffer_size, PROT_READ | PROT_WRITE, offset);
+      address = fresh.bytes();
+    } else {
+      address = kept_buffer(*context, fd, offset);
+    }
+    if (address == nullptr || !write_dual_copy(address, buffer_size, rendered)) {
       failure = "libzantrel: Could not mmap modifiable text overlay buffer\n";
     }
   }
@@ -151,13 +185,17 @@ uint32_t o_get_modifiable_text_overlay_id(overlay_stream_context* stream,
     if (created) o_destroy_overlay(fd, id);
     return 0;
   }
-  buffer.reset();
   o_submit_overlay_buffer(fd, id, offset, 0);
 
   // The replaced overlay goes only now that the new one shows the text.
+  if (created) {
+    forget_buffers(*context);
+    context->buffer_size = buffer_size;
+    context->mappings[0] = {offset, fresh.release()};
+    context->next_mapping = 1;
+  }
   context->kernel_id = static_cast<uint32_t>(id);
   context->pixel_count = pixels;
-  context->buffer_size = buffer_size;
   if (replaced > 0) o_destroy_overlay(fd, replaced);
   return context->kernel_id;
 }

@@ -16,6 +16,13 @@ struct modifiable_text_context {
   render_text_context* render;
   overlay_position last_position;  // reserved
   uint32_t buffer_size;            // bytes of kernel_id's buffers
+  // The buffers of kernel_id stay mapped while it lives: a clock redrawn
+  // every second then costs no mmap and munmap (and no TLB flush) a frame.
+  struct BufferMapping {
+    int32_t offset;
+    unsigned char* address;
+  } mappings[3];
+  uint32_t next_mapping;  // the place a new mapping takes when all are used
 };
 
 namespace zantrel::device {
