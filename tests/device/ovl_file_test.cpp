@@ -12,8 +12,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,7 +27,8 @@ using zantrel::test::captured_logs;
 using zantrel::test::clear_captured_logs;
 using zantrel::test::logged_once;
 using Bytes = std::vector<uint8_t>;
-using Pixels = std::vector<uint32_t>;  // ARGB words, not premultiplied
+using Pixels = std::vector<uint32_t>;                   // ARGB words, not premultiplied
+using Patch = std::vector<std::pair<size_t, uint8_t>>;  // (offset, byte)
 
 // Scratch files live in the test process's private /dev/shm, made on first
 // use (after the test support mounted it); not "ovl_*", which the library's
@@ -42,16 +43,18 @@ const std::string& dir() {
 std::string ovl_path() { return dir() + "/image.ovl"; }
 
 Bytes read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
+  return {std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {}};
 }
 void write_file(const std::string& path, const Bytes& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary) << std::string(bytes.begin(), bytes.end());
 }
-size_t files_in(const std::string& dir) {
-  return std::distance(std::filesystem::directory_iterator(dir), {});
+// `file` with the patch's bytes set, grown to hold them.
+Bytes patched(Bytes file, const Patch& patch) {
+  for (auto [at, value] : patch) {
+    file.resize(std::max(file.size(), at + 1));
+    file[at] = value;
+  }
+  return file;
 }
 
 uint32_t& pixel(cairo_surface_t* s, int i) {
@@ -59,7 +62,6 @@ uint32_t& pixel(cairo_surface_t* s, int i) {
   unsigned char* row = cairo_image_surface_get_data(s) + i / w * cairo_image_surface_get_stride(s);
   return reinterpret_cast<uint32_t*>(row)[i % w];
 }
-
 void write_png(const std::string& path, int w, int h, const Pixels& argb) {
   cairo_surface_t* s = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h);
   for (int i = 0; i < w * h; ++i) {
@@ -71,7 +73,6 @@ void write_png(const std::string& path, int w, int h, const Pixels& argb) {
   ASSERT_EQ(cairo_surface_write_to_png(s, path.c_str()), CAIRO_STATUS_SUCCESS);
   cairo_surface_destroy(s);
 }
-
 // Premultiplied, which is the plain colour for alpha 0 and 255.
 Pixels read_png(const std::string& path) {
   cairo_surface_t* s = cairo_image_surface_create_from_png(path.c_str());
@@ -86,11 +87,10 @@ int ovlconv(const std::vector<std::string>& args, std::string* err = nullptr) {
   std::string command = OVLCONV;
   for (const auto& arg : args) command += " '" + arg + "'";
   int status = std::system((command + " 2>" + dir() + "/ovlconv.err").c_str());
-  Bytes text = read_file(dir() + "/ovlconv.err");
+  const Bytes text = read_file(dir() + "/ovlconv.err");
   if (err != nullptr) err->assign(text.begin(), text.end());
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-
 // A w x h image through ovlconv: version '4', or '2' with key 16.
 Bytes make_ovl(int w, int h, const Pixels& argb, bool packed = false) {
   write_png(dir() + "/source.png", w, h, argb);
@@ -99,7 +99,6 @@ Bytes make_ovl(int w, int h, const Pixels& argb, bool packed = false) {
   EXPECT_EQ(ovlconv(args), 0);
   return read_file(ovl_path());
 }
-
 // Colours, one fully transparent, and a grey whose luma is the key 16.
 Pixels pattern(int w, int h) {
   const uint32_t colours[] = {0xFFFF0000, 0xFF00FF00, 0x00000000, 0xFF0000FF,
@@ -119,24 +118,37 @@ class OvlFile : public testing::Test {
   }
   void TearDown() override { o_close_fd(fd_); }
 
-  // Writes `file` (none when empty) and loads it; the shown buffer lands in
-  // shown_.
+  // Writes `file` (none when empty) and loads it.
   int load(const Bytes& file) {
     unlink(ovl_path().c_str());
-    if (!file.empty()) {
-      write_file(ovl_path(), file);
-    }
+    if (!file.empty()) write_file(ovl_path(), file);
+    return open_image(ovl_path());
+  }
+  // Loads `path`, converted first for a 960 x 540 stream when scaled; the
+  // shown buffer lands in shown_.
+  int open_image(const std::string& path, bool scaled = false) {
     image_ = {};
     image_.overlay.position = {0, 0, 1, 1, 0};
-    std::strcpy(image_.path, ovl_path().c_str());
+    std::strcpy(image_.path, path.c_str());
     data_ = {};
-    id_ = 0;
-    int rc = o_create_image_overlay_from_ovl_file(&image_, fd_, &id_, &data_);
+    int rc = scaled ? o_create_scaled_image_overlay_from_ovl_file(&image_, fd_, &id_, 1, 960, 540,
+                                                                  &data_)
+                    : o_create_image_overlay_from_ovl_file(&image_, fd_, &id_, &data_);
     shown_.assign(image_.overlay.buffer_size, 0xEE);
     if (rc == 0) {
       EXPECT_EQ(camsim_read_shown_buffer(id_, shown_.data(), shown_.size()), long(shown_.size()));
     }
     return rc;
+  }
+  // The records of a w x h image: one buffer rounded up to even sizes, and
+  // the content size.
+  void expect_record(uint32_t w, uint32_t h) {
+    EXPECT_EQ(image_.overlay.width, (w + 1) & ~1U);
+    EXPECT_EQ(image_.overlay.height, (h + 1) & ~1U);
+    EXPECT_EQ(image_.overlay.format, OVERLAY_FORMAT_YCBCR_ALPHA);
+    EXPECT_EQ(image_.overlay.nbr_buffers, 1U);
+    EXPECT_EQ(data_.width, w);
+    EXPECT_EQ(data_.height, h);
   }
   // Plane bytes: luma, chroma A, chroma B, alpha; chroma (x, y) is the pair's
   // byte of image row y.
@@ -153,66 +165,58 @@ class OvlFile : public testing::Test {
   Bytes shown_;
 };
 
-using Patch = std::vector<std::pair<size_t, uint8_t>>;  // (offset, byte)
-void apply(Bytes& file, const Patch& patch) {
-  for (auto [at, value] : patch) file.at(at) = value;
-}
-
 struct PackedCase {
   const char* name;
   int w, h;
   Patch patch;
   bool key_active;  // whether pixels of luma 16 turn transparent
 };
-void PrintTo(const PackedCase& c, std::ostream* os) { *os << c.name; }
 class PackedFiles : public OvlFile, public testing::WithParamInterface<PackedCase> {};
 
 TEST_P(PackedFiles, PlanesHoldTheFile) {
   const PackedCase& c = GetParam();
-  Bytes file = make_ovl(c.w, c.h, pattern(c.w, c.h), true);
-  apply(file, c.patch);
+  const Bytes file = patched(make_ovl(c.w, c.h, pattern(c.w, c.h), true), c.patch);
   ASSERT_EQ(load(file), 0);
   EXPECT_EQ(camsim_live_count(), 1);
-  const size_t W = (c.w + 1) & ~1, H = (c.h + 1) & ~1;
-  ASSERT_EQ(image_.overlay.width, W);
-  ASSERT_EQ(image_.overlay.height, H);
-  EXPECT_EQ(image_.overlay.format, OVERLAY_FORMAT_YCBCR_ALPHA);
-  EXPECT_EQ(data_.width, uint32_t(c.w));
-  EXPECT_EQ(data_.height, uint32_t(c.h));
-  for (int y = 0; y < c.h; ++y) {
-    const uint8_t* row = &file[78 + y * c.w * 2];
-    for (int x = 0; x < c.w; ++x) {
+  expect_record(c.w, c.h);
+  const int W = (c.w + 1) & ~1, H = (c.h + 1) & ~1;
+  for (int y = 0; y < H; ++y) {
+    const uint8_t* row = &file[78 + std::min(y, c.h - 1) * c.w * 2];
+    for (int x = 0; x < W; ++x) {
+      SCOPED_TRACE(testing::Message() << x << "," << y);
+      if (x == c.w || y == c.h) {  // the added column and row: transparent
+        EXPECT_EQ(plane(3, x, y), 0);
+        if (y < c.h) {
+          EXPECT_EQ(plane(0, x, y), row[c.w * 2 - 1]) << "the column repeats the luma";
+        }
+        continue;
+      }
       uint8_t luma = row[x * 2 + 1];
-      EXPECT_EQ(plane(0, x, y), luma) << x << "," << y;
-      EXPECT_EQ(plane(3, x, y), c.key_active && luma == 16 ? 0 : 255) << x << "," << y;
+      EXPECT_EQ(plane(0, x, y), luma);
+      EXPECT_EQ(plane(3, x, y), c.key_active && luma == 16 ? 0 : 255);
       bool odd = x % 2, lone = !odd && x + 1 == c.w;
       uint8_t cr = row[(x - odd) * 2], cb = lone ? 128 : row[(x - odd) * 2 + 2];
       if (y % 2 == 0) {
-        EXPECT_EQ(plane(1, x, y), odd ? cb : cr) << x << "," << y;
-        EXPECT_EQ(plane(2, x, y), odd ? cr : cb) << x << "," << y;
+        EXPECT_EQ(std::pair(plane(1, x, y), plane(2, x, y)),
+                  odd ? std::pair(cb, cr) : std::pair(cr, cb));
       }
     }
-    if (W > size_t(c.w)) {  // the added column: transparent, same luma
-      EXPECT_EQ(plane(3, W - 1, y), 0);
-      EXPECT_EQ(plane(0, W - 1, y), row[c.w * 2 - 1]);
-    }
   }
-  for (size_t x = 0; x < W && H > size_t(c.h); ++x) EXPECT_EQ(plane(3, x, H - 1), 0);
   EXPECT_TRUE(captured_logs().empty());
 }
 
 // ovlconv makes version '2' files of format 2 with key 16; the rest by hand.
-INSTANTIATE_TEST_SUITE_P(
-    Versions, PackedFiles,
-    testing::Values(PackedCase{"v2_alpha", 6, 4, {}, true},  //
-                    PackedCase{"v2_full", 4, 2, {{4, 1}}, true},
-                    PackedCase{"v2_odd_9x3", 9, 3, {}, true},
-                    PackedCase{"v2_key_pair_16_17", 2, 2, {{79, 16}, {81, 17}}, true},
-                    PackedCase{"v1_key_in_byte_11", 4, 4, {{2, '1'}, {10, 0}, {11, 16}}, true},
-                    PackedCase{"v1_byte_10_set", 4, 4, {{2, '1'}, {10, 1}, {11, 16}}, false},
-                    PackedCase{"v3_like_v2", 4, 2, {{2, '3'}, {11, 0}}, true},
-                    PackedCase{"unknown_version", 4, 2, {{2, 'x'}}, true}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Versions, PackedFiles,
+                         testing::ValuesIn(std::vector<PackedCase>{
+                             {"v2_alpha", 6, 4, {}, true},
+                             {"v2_full", 4, 2, {{4, 1}}, true},
+                             {"v2_odd_9x3", 9, 3, {}, true},
+                             {"v2_key_pair_16_17", 2, 2, {{79, 16}, {81, 17}}, true},
+                             {"v1_key_in_byte_11", 4, 4, {{2, '1'}, {10, 0}, {11, 16}}, true},
+                             {"v1_byte_10_set", 4, 4, {{2, '1'}, {10, 1}, {11, 16}}, false},
+                             {"v3_like_v2", 4, 2, {{2, '3'}, {11, 0}}, true},
+                             {"unknown_version", 4, 2, {{2, 'x'}}, true}}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(OvlFile, ArgbFileIsConvertedPairByPair) {
   // Red, green, white, black over black, black, half-transparent white, blue.
@@ -234,15 +238,10 @@ TEST_F(OvlFile, ArgbFileIsConvertedPairByPair) {
 }
 
 TEST_F(OvlFile, OddArgbImageGetsTransparentAddedColumnAndRow) {
-  Bytes file = make_ovl(3, 3, Pixels(9, 0xFFFF0000));
-  ASSERT_EQ(load(file), 0);
-  ASSERT_EQ(image_.overlay.width, 4U);
-  EXPECT_EQ(data_.width, 3U);
-  EXPECT_EQ(data_.height, 3U);
+  ASSERT_EQ(load(make_ovl(3, 3, Pixels(9, 0xFFFF0000))), 0);
+  expect_record(3, 3);
   for (int y = 0; y < 4; ++y) {
-    for (int x = 0; x < 4; ++x) {
-      EXPECT_EQ(plane(3, x, y), x < 3 && y < 3 ? 255 : 0) << x << "," << y;
-    }
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(plane(3, x, y), x < 3 && y < 3 ? 255 : 0) << x << y;
     EXPECT_EQ(plane(0, 3, y), y < 3 ? 76 : 0) << "column 3 repeats the last pixel";
   }
   EXPECT_EQ(plane(1, 2, 0), 255);  // the lone pixel's own chroma, red
@@ -251,22 +250,26 @@ TEST_F(OvlFile, OddArgbImageGetsTransparentAddedColumnAndRow) {
 
 struct BadCase {
   const char* name;
-  bool packed;  // a 4 x 2 image: 94 bytes packed, 110 ARGB
+  bool packed;  // a 5 x 3 image: 108 bytes packed, 138 ARGB
   Patch patch;
-  size_t size;                        // the file cut or grown to this
-  std::vector<std::string> messages;  // "%s" stands for the path
+  size_t size;                            // the file cut or grown to this
+  std::vector<std::string> messages;      // "%s" stands for the path
+  std::optional<camsim_command> fault{};  // the driver refuses it once
 };
-void PrintTo(const BadCase& c, std::ostream* os) { *os << c.name; }
 class BadFiles : public OvlFile, public testing::WithParamInterface<BadCase> {};
 
 TEST_P(BadFiles, AreRefusedWithTheirMessagesAndLeaveNoOverlay) {
   const BadCase& c = GetParam();
-  Bytes file = make_ovl(4, 2, pattern(4, 2), c.packed);
-  apply(file, c.patch);
+  Bytes file = patched(make_ovl(5, 3, pattern(5, 3), c.packed), c.patch);
   file.resize(c.size);
+  ASSERT_EQ(camsim_inject_fault(c.fault.value_or(CAMSIM_CREATE_OVERLAY), c.fault ? 1 : 0, EIO), 0);
   EXPECT_EQ(load(file), -1);
+  // Every overlay made is destroyed again, and nothing was shown.
   EXPECT_EQ(camsim_live_count(), 0);
-  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), 0);
+  const long made = camsim_call_count(CAMSIM_CREATE_OVERLAY);
+  EXPECT_EQ(camsim_call_count(CAMSIM_DESTROY_OVERLAY), made - (c.fault == CAMSIM_CREATE_OVERLAY));
+  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), c.fault == CAMSIM_SUBMIT_BUFFER ? 1 : 0);
+  if (made > 0) expect_record(5, 3);
   ASSERT_EQ(captured_logs().size(), c.messages.size());
   for (size_t i = 0; i < c.messages.size(); ++i) {
     std::string m = c.messages[i];
@@ -284,83 +287,50 @@ const char* const kNoArgb = "Failed to read OVERLAY_ARGB32, file path %s";
 const char* const kPalette = "Trying to load an unsupported palette overlay.";
 const char* const kUnknown = "Unkown overlay file format.";
 const char* const kNoFile = "Failed to open overlay file. File path: %s";
-INSTANTIATE_TEST_SUITE_P(Corrupt, BadFiles,
-                         testing::Values(BadCase{"bad_magic", true, {{1, 'h'}}, 94, {kFaulty}},
-                                         BadCase{"byte_5_not_16", false, {{5, 17}}, 110, {kFaulty}},
-                                         BadCase{"short_header", true, {}, 77, {kNoHeader}},
-                                         BadCase{"one_byte_more", true, {}, 95, {kSize}},
-                                         BadCase{"one_byte_less", true, {}, 93, {kSize}},
-                                         BadCase{"short_argb", false, {}, 109, {kNoData, kNoArgb}},
-                                         BadCase{
-                                             "palette", true, {{4, 0}}, 94, {kPalette, kUnknown}},
-                                         BadCase{"format_3", true, {{4, 3}}, 94, {kUnknown}},
-                                         BadCase{"missing", true, {}, 0, {kNoFile}}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-struct FaultCase {
-  camsim_command command;
-  const char* message;  // logged once, after "libzantrel: "
-};
-class DriverFaults : public OvlFile, public testing::WithParamInterface<FaultCase> {};
-
-TEST_P(DriverFaults, DestroyTheOverlayAndKeepTheRoundedRecord) {
-  Bytes file = make_ovl(5, 3, pattern(5, 3), true);
-  ASSERT_EQ(camsim_inject_fault(GetParam().command, 1, EIO), 0);
-  EXPECT_EQ(load(file), -1);
-  EXPECT_EQ(camsim_live_count(), 0);
-  EXPECT_EQ(camsim_call_count(CAMSIM_DESTROY_OVERLAY),
-            GetParam().command == CAMSIM_CREATE_OVERLAY ? 0 : 1);
-  EXPECT_EQ(image_.overlay.width, 6U);
-  EXPECT_EQ(image_.overlay.height, 4U);
-  EXPECT_EQ(image_.overlay.format, OVERLAY_FORMAT_YCBCR_ALPHA);
-  EXPECT_EQ(image_.overlay.nbr_buffers, 1U);
-  EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: " + std::string(GetParam().message) + "\n"));
-}
-
+const char* const kAdding = "Internal error when adding overlay: Input/output error";
+const char* const kNoHw = "Could not allocate image overlay in HW";
+const char* const kNoBuffer = "Failed to access internal overlay kernel data";
+const char* const kSubmit = "Internal error when submitting overlay buffer: Input/output error";
 INSTANTIATE_TEST_SUITE_P(
-    Commands, DriverFaults,
-    testing::Values(FaultCase{CAMSIM_CREATE_OVERLAY, "Could not allocate image overlay in HW"},
-                    FaultCase{CAMSIM_GET_BUFFER, "Failed to access internal overlay kernel data"},
-                    FaultCase{
-                        CAMSIM_SUBMIT_BUFFER,
-                        "Internal error when submitting overlay buffer: Input/output error"}));
-
-TEST_F(OvlFile, ScaledImageWhoseConversionFailsTouchesNoDriver) {
-  overlay_image image{};
-  std::strcpy(image.path, (dir() + "/no-such-image").c_str());
-  overlay_entry_data data{};
-  int id = 0;
-  EXPECT_EQ(o_create_scaled_image_overlay_from_ovl_file(&image, fd_, &id, 0, 1920, 1080, &data),
-            -1);
-  EXPECT_EQ(camsim_total_calls(), 0);
-  EXPECT_TRUE(captured_logs().empty());
-}
+    Corrupt, BadFiles,
+    testing::ValuesIn(std::vector<BadCase>{
+        {"bad_magic", true, {{1, 'h'}}, 108, {kFaulty}},
+        {"byte_5_not_16", false, {{5, 17}}, 138, {kFaulty}},
+        {"short_header", true, {}, 77, {kNoHeader}},
+        {"one_byte_more", true, {}, 109, {kSize}},
+        {"one_byte_less", true, {}, 107, {kSize}},
+        {"short_argb", false, {}, 137, {kNoData, kNoArgb}},
+        {"palette", true, {{4, 0}}, 108, {kPalette, kUnknown}},
+        {"format_3", true, {{4, 3}}, 108, {kUnknown}},
+        {"missing", true, {}, 0, {kNoFile}},
+        {"create_fails", true, {}, 108, {kAdding, kNoHw}, CAMSIM_CREATE_OVERLAY},
+        {"get_buffer_fails", true, {}, 108, {kNoBuffer}, CAMSIM_GET_BUFFER},
+        {"submit_fails", true, {}, 108, {kSubmit}, CAMSIM_SUBMIT_BUFFER}}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(OvlFile, ScaledImageLoadsTheConvertedFile) {
-  // A 24-bit bitmap of 4 x 2 red pixels, halved for a 540-line stream; the
-  // converted file goes under TMPDIR.
-  Bytes bmp(54 + 2 * 12, 0);
-  apply(bmp, {{0, 'B'}, {1, 'M'}, {10, 54}, {14, 40}, {18, 4}, {22, 2}, {26, 1}, {28, 24}});
+  // A conversion that fails touches no driver.
+  EXPECT_EQ(open_image(dir() + "/no-such-image", true), -1);
+  EXPECT_EQ(camsim_total_calls(), 0);
+  EXPECT_TRUE(captured_logs().empty());
+
+  // A 24-bit bitmap of 4 x 2 red pixels, halved; the converted file goes
+  // under TMPDIR.
+  Bytes bmp =
+      patched(Bytes(54 + 2 * 12, 0),
+              {{0, 'B'}, {1, 'M'}, {10, 54}, {14, 40}, {18, 4}, {22, 2}, {26, 1}, {28, 24}});
   for (size_t i = 54; i < bmp.size(); i += 3) bmp[i + 2] = 0xFF;
   mkdir((dir() + "/scalable").c_str(), 0700);
   write_file(dir() + "/scalable/bmp", bmp);
   setenv("TMPDIR", dir().c_str(), 1);
   for (bool fault : {true, false}) {
-    overlay_image image{};
-    image.overlay.position = {0, 0, 1, 1, 0};
-    std::strcpy(image.path, (dir() + "/scalable").c_str());
-    overlay_entry_data data{};
-    int id = 0;
     camsim_inject_fault(CAMSIM_CREATE_OVERLAY, fault ? 1 : 0, ENOMEM);
     clear_captured_logs();
-    EXPECT_EQ(o_create_scaled_image_overlay_from_ovl_file(&image, fd_, &id, 1, 960, 540, &data),
-              fault ? -1 : 0);
+    EXPECT_EQ(open_image(dir() + "/scalable", true), fault ? -1 : 0);
     EXPECT_EQ(logged_once(LOG_ERR, "libzantrel: Failed to create scalable image overlay\n"), fault);
     EXPECT_EQ(camsim_live_count(), fault ? 0 : 1);
-    EXPECT_NE(std::string(image.path), dir() + "/scalable") << "names the converted file";
-    EXPECT_EQ(data.width, 2U);
-    EXPECT_EQ(data.height, 1U);
-    EXPECT_EQ(image.overlay.height, 2U);
+    EXPECT_NE(std::string(image_.path), dir() + "/scalable") << "names the converted file";
+    expect_record(2, 1);
   }
 }
 
@@ -400,36 +370,31 @@ TEST(Ovlconv, RoundTripKeepsPixelsAndNudgesKeyLuma) {
 }
 
 TEST(Ovlconv, BadInputFailsWithOneLineAndNoOutput) {
-  std::string in = dir() + "/errors";
+  const std::string in = dir() + "/errors";
   mkdir(in.c_str(), 0700);
   write_file(in + "/text.png", {'h', 'i', '\n'});
   // A PNG signature and IHDR of 70000 x 1: too wide for an .ovl image.
   write_file(in + "/wide.png", {0x89, 'P', 'N', 'G', 13, 10, 26,   10,   0, 0, 0, 13,  //
                                 'I',  'H', 'D', 'R', 0,  1,  0x11, 0x70, 0, 0, 0, 1});
   write_file(in + "/short.ovl", {'o', 'g', '4'});
-  Bytes packed = {'o', 'g', '2', 0, 2, 16, 2, 0, 1, 0};  // 2 x 1, 4 bytes of pixels
-  packed.resize(78 + 4);
-  auto variant = [&](const char* name, size_t at, uint8_t value) {
-    Bytes b = packed;
-    b.resize(std::max(b.size(), at + 1));
-    b[at] = value;
-    write_file(in + "/" + name, b);
-  };
-  variant("bigger.ovl", 82, 0);
-  variant("palette.ovl", 4, 0);
-  variant("magic.ovl", 0, 'O');
-  variant("argb.ovl", 2, '4');  // 8 bytes of pixels needed
-  const std::vector<std::vector<std::string>> cases = {
-      {"to-ovl", "missing.png"}, {"to-ovl", "text.png"},   {"to-ovl", "wide.png"},
-      {"to-png", "short.ovl"},   {"to-png", "bigger.ovl"}, {"to-png", "palette.ovl"},
-      {"to-png", "magic.ovl"},   {"to-png", "argb.ovl"},   {"to-png", "missing.ovl"}};
-  size_t before = files_in(in);
-  for (const auto& c : cases) {
+  // A packed 2 x 1 file, 4 bytes of pixels, made wrong.
+  const Bytes packed =
+      patched(Bytes(78 + 4, 0), {{0, 'o'}, {1, 'g'}, {2, '2'}, {4, 2}, {5, 16}, {6, 2}, {8, 1}});
+  write_file(in + "/bigger.ovl", patched(packed, {{82, 0}}));
+  write_file(in + "/palette.ovl", patched(packed, {{4, 0}}));
+  write_file(in + "/magic.ovl", patched(packed, {{0, 'O'}}));
+  write_file(in + "/argb.ovl", patched(packed, {{2, '4'}}));  // 8 bytes of pixels needed
+  const auto before = std::distance(std::filesystem::directory_iterator(in), {});
+  for (const std::string name : {"missing.png", "text.png", "wide.png", "short.ovl", "bigger.ovl",
+                                 "palette.ovl", "magic.ovl", "argb.ovl", "missing.ovl"}) {
     std::string err;
-    EXPECT_EQ(ovlconv({c[0], in + "/" + c[1], in + "/out"}, &err), 1) << c[1];
+    EXPECT_EQ(
+        ovlconv({name.ends_with(".png") ? "to-ovl" : "to-png", in + "/" + name, in + "/out"}, &err),
+        1)
+        << name;
     EXPECT_EQ(err.rfind("ovlconv: ", 0), 0U) << err;
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-    EXPECT_EQ(files_in(in), before) << c[1] << " left an output";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(in), {}), before) << name;
   }
 }
 
