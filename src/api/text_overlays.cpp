@@ -23,15 +23,6 @@ struct RenderDeleter {
 };
 using RenderContext = std::unique_ptr<render_text_context, RenderDeleter>;
 
-struct LineList {
-  char** lines = nullptr;
-  int count = 0;
-  ~LineList() {
-    for (int i = 0; i < count; ++i) free(lines[i]);
-    free(lines);
-  }
-};
-
 // A text with a modifier, or one that scrolls, changes while it is shown.
 int32_t text_type(const overlay_text& t) {
   if (t.scroll_speed != 0) return OVERLAY_TYPE_MODIFIABLE_TEXT;
@@ -164,25 +155,18 @@ uint32_t* overlay_text_render(const overlay_stream_context* stream, overlay_text
     bounded_copy(own_text, *t);
     text = own_text;
   }
-  int size = t->font_size;
-  if (t->scalable == 1 && stream != nullptr) {
-    size = static_cast<int>(static_cast<float>(stream->height / 1080.0) *
-                            static_cast<float>(t->font_size));
-  }
+  const int size = zantrel::device::scaled_font_size(*t, stream);
   sized_buffer result{};
-  LineList lines;
+  zantrel::device::LineList lines;
   if (t->overlay.legacy == 1 && stream != nullptr) {
-    const overlay_position& position = t->overlay.position;
-    const bool bottom =
-        position.coord_type == OVERLAY_COORDS_NORMALIZED && static_cast<double>(position.y) > 0.999;
+    const bool bottom = zantrel::device::at_bottom_edge(t->overlay.position);
     const int remainder = t->font_size % 16;
     result = render_text_buffer_legacy(
         render.get(), text, t->text_color, t->outline_color, t->background_color,
         bottom ? t->background_color : overlay_color{OVERLAY_COLOR_TRANSPARENT}, t->font_size,
         stream->width, remainder == 0 ? 0 : 16 - remainder);
   } else {
-    if (split_into_lines(&lines.lines, &lines.count, text) != 0) {
-      lines.count = 0;
+    if (lines.split(text) != 0) {
       log_message(LOG_ERR, "libzantrel: Invalid text string\n");
       return nullptr;
     }

@@ -6,6 +6,8 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <span>
 #include <utility>
 
 namespace zantrel {
@@ -35,6 +37,9 @@ class Mapping {
   explicit operator bool() const { return address_ != nullptr; }
   unsigned char* bytes() const { return static_cast<unsigned char*>(address_); }
   size_t size() const { return length_; }
+  std::span<uint8_t> span() const {
+    return address_ != nullptr ? std::span<uint8_t>(bytes(), length_) : std::span<uint8_t>();
+  }
 
  private:
   void* address_ = nullptr;

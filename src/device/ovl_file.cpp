@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/mapping.h"
 #include "common/unique_fd.h"
 #include "device.h"
 #include "gridfit.h"
@@ -51,37 +52,6 @@ constexpr uint8_t kNeutralChroma = 128;
 uint16_t le16(const Header& header, size_t offset) {
   return static_cast<uint16_t>(header[offset] | (header[offset + 1] << 8));
 }
-
-// A mapping that is released on every path.
-class Mapping {
- public:
-  Mapping() = default;
-  Mapping(const Mapping&) = delete;
-  Mapping& operator=(const Mapping&) = delete;
-  ~Mapping() { reset(); }
-
-  bool map(size_t length, int protection, int fd, off_t offset) noexcept {
-    reset();
-    void* address = mmap(nullptr, length, protection, MAP_SHARED, fd, offset);
-    if (address == MAP_FAILED) {
-      return false;
-    }
-    bytes_ = {static_cast<uint8_t*>(address), length};
-    return true;
-  }
-
-  void reset() noexcept {
-    if (bytes_.data() != nullptr) {
-      munmap(bytes_.data(), bytes_.size());
-      bytes_ = {};
-    }
-  }
-
-  [[nodiscard]] std::span<uint8_t> bytes() const noexcept { return bytes_; }
-
- private:
-  std::span<uint8_t> bytes_;
-};
 
 // A hardware overlay that is destroyed again unless the load succeeds.
 class PendingOverlay {
@@ -180,12 +150,14 @@ bool read_exactly(int fd, std::span<uint8_t> buffer) noexcept {
 bool load_packed(int file_fd, uint32_t w, uint32_t h, uint32_t key, Planes& planes) noexcept {
   uint64_t length = kHeaderSize + uint64_t{w} * h * 2;
   Mapping file;
-  if (length > std::numeric_limits<size_t>::max() ||
-      !file.map(static_cast<size_t>(length), PROT_READ, file_fd, 0)) {
+  if (length <= std::numeric_limits<size_t>::max()) {
+    file = Mapping(file_fd, static_cast<size_t>(length), PROT_READ, 0);
+  }
+  if (!file) {
     log_message(LOG_ERR, "libzantrel: Failed to read data from overlay file.\n");
     return false;
   }
-  std::span<const uint8_t> pixels = file.bytes().subspan(kHeaderSize);
+  std::span<const uint8_t> pixels = file.span().subspan(kHeaderSize);
   auto alpha_of = [key](uint8_t luma) {
     return (uint32_t{luma} << 8) == key ? kTransparent : kOpaque;
   };
@@ -362,13 +334,15 @@ int load_ovl_file(overlay_image& image, int device_fd, int* id, overlay_entry_da
   // treated like one that cannot hand out its buffer at all.
   uint64_t needed = uint64_t{image.overlay.width} * image.overlay.height * 3;
   int offset = o_get_overlay_buffer(device_fd, hardware.id());
-  if (offset < 0 || image.overlay.buffer_size < needed ||
-      !buffer.map(image.overlay.buffer_size, PROT_READ | PROT_WRITE, device_fd, offset)) {
+  if (offset >= 0 && image.overlay.buffer_size >= needed) {
+    buffer = Mapping(device_fd, image.overlay.buffer_size, PROT_READ | PROT_WRITE, offset);
+  }
+  if (!buffer) {
     log_message(LOG_ERR, "libzantrel: Failed to access internal overlay kernel data\n");
     return -1;
   }
 
-  Planes planes(buffer.bytes(), image.overlay.width, image.overlay.height);
+  Planes planes(buffer.span(), image.overlay.width, image.overlay.height);
   if (!fill_from_file(file.get(), header, path.data(), w, h, planes)) {
     return -1;
   }

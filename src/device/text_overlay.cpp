@@ -14,23 +14,29 @@ namespace {
 
 constexpr int kMinimumSize = 16;
 
-// The text sits on the picture's bottom edge: a legacy band there gets rows
-// below it so the band reaches the edge.
+}  // namespace
+
 bool at_bottom_edge(const overlay_position& position) {
   return position.coord_type == OVERLAY_COORDS_NORMALIZED &&
          static_cast<double>(position.y) > 0.999;
 }
 
-struct Lines {
-  char** lines = nullptr;
-  int count = 0;
-  ~Lines() {
-    for (int i = 0; i < count; ++i) free(lines[i]);
-    free(lines);
-  }
-};
+int scaled_font_size(const overlay_text& t, const overlay_stream_context* stream) {
+  if (t.scalable != 1 || stream == nullptr) return t.font_size;
+  return static_cast<int>(static_cast<float>(stream->height / 1080.0) *
+                          static_cast<float>(t.font_size));
+}
 
-}  // namespace
+LineList::~LineList() {
+  for (int i = 0; i < count; ++i) free(lines[i]);
+  free(lines);
+}
+
+int LineList::split(const char* text) {
+  const int rc = split_into_lines(&lines, &count, text);
+  if (rc != 0) count = 0;
+  return rc;
+}
 
 float stream_scale(const overlay_stream_context& stream) {
   return stream.height == 1080 ? 1.0f : static_cast<float>(stream.height / 1080.0);
@@ -58,20 +64,15 @@ int o_render_text(sized_buffer* out, const overlay_text* t, render_text_context*
                   const overlay_stream_context* stream, const char* text) {
   if (out == nullptr || t == nullptr || render == nullptr) return -1;
   if (text == nullptr) text = t->text;
-  int size = t->font_size;
-  if (t->scalable == 1 && stream != nullptr) {
-    size = static_cast<int>(static_cast<float>(stream->height / 1080.0) *
-                            static_cast<float>(t->font_size));
-  }
+  const int size = scaled_font_size(*t, stream);
   sized_buffer result{};
   if (t->overlay.legacy == 1 && stream != nullptr) {
     result = render_text_buffer_legacy(render, text, t->text_color, t->outline_color,
                                        t->background_color, t->background_color, t->font_size,
                                        stream->width, at_bottom_edge(t->overlay.position) ? 8 : 0);
   } else {
-    Lines lines;
-    if (split_into_lines(&lines.lines, &lines.count, text) != 0) {
-      lines.count = 0;
+    LineList lines;
+    if (lines.split(text) != 0) {
       zantrel::log_message(LOG_ERR, "libzantrel: Could not split multiline string\n");
       return -1;
     }

@@ -36,5 +36,22 @@ bool write_dual_copy(unsigned char* buffer, size_t buffer_size, const sized_buff
 
 // The stream's scale for scalable texts (1.0 at 1080 rows).
 float stream_scale(const overlay_stream_context& stream);
+// The record's font size, scaled for the stream when the text is scalable.
+int scaled_font_size(const overlay_text& t, const overlay_stream_context* stream);
+// The text sits on the picture's bottom edge: a legacy band there reaches
+// down to the edge.
+bool at_bottom_edge(const overlay_position& position);
+
+// The lines of split_into_lines, freed with the list.
+struct LineList {
+  char** lines = nullptr;
+  int count = 0;
+  LineList() = default;
+  LineList(const LineList&) = delete;
+  LineList& operator=(const LineList&) = delete;
+  ~LineList();
+  // 0, or split_into_lines' failure (the list stays empty).
+  int split(const char* text);
+};
 
 }  // namespace zantrel::device

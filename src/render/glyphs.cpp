@@ -16,8 +16,6 @@ struct CairoDeleter {
   void operator()(cairo_t* cr) const { cairo_destroy(cr); }
 };
 
-uint32_t round_up_16(uint32_t value) { return (value + 15u) & ~15u; }
-
 }  // namespace
 
 GlyphRun::GlyphRun(render_text_context* context, const char* text) {

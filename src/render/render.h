@@ -53,6 +53,9 @@ struct Packing {
 };
 // Formats 7, 9 and 3; nothing for any other.
 std::optional<Packing> packing(overlay_format format);
+// Rendered widths are whole 16-pixel groups: a row is whole words in every
+// format.
+inline uint32_t round_up_16(uint32_t value) { return (value + 15u) & ~15u; }
 // Words in a row of width pixels (width a multiple of 16).
 inline uint32_t row_words(uint32_t width, const Packing& p) { return width / p.pixels_per_word; }
 

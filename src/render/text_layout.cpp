@@ -13,8 +13,6 @@ namespace {
 
 constexpr int kMaxLines = 512;
 
-uint32_t round_up_16(uint32_t value) { return (value + 15u) & ~15u; }
-
 // Buffers larger than this are refused rather than wrapping the 32-bit byte
 // count; a whole 4K frame of 32-bit pixels is far below it.
 constexpr uint64_t kMaxBufferBytes = 1u << 30;
