@@ -2,28 +2,16 @@
 // overlay description.
 #pragma once
 
-#include <glob.h>
-
 #include <string>
 #include <vector>
 
 #include "camsim.h"
+#include "test_support.h"
 #include "zantrel.h"
 
 namespace api_test {
 
-// Every "/dev/shm/ovl_*" object there is.
-inline std::vector<std::string> table_files() {
-  std::vector<std::string> paths;
-  glob_t found{};
-  if (glob("/dev/shm/ovl_*", 0, nullptr, &found) == 0) {
-    for (size_t i = 0; i < found.gl_pathc; ++i) {
-      paths.emplace_back(found.gl_pathv[i]);
-    }
-  }
-  globfree(&found);
-  return paths;
-}
+using zantrel::test::table_files;
 
 inline overlay plain(uint32_t width, uint32_t height, int32_t priority = 0,
                      overlay_format format = OVERLAY_FORMAT_ARGB32) {

@@ -2,6 +2,7 @@
 // tmpfs on /dev/shm: tests run in parallel and never see or remove the
 // machine's own shared tables. ctest runs each test in its own process.
 #include <fcntl.h>
+#include <glob.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -55,6 +56,16 @@ void isolate_dev_shm() {
 }  // namespace
 
 namespace zantrel::test {
+
+std::vector<std::string> table_files() {
+  std::vector<std::string> paths;
+  glob_t found{};
+  if (glob("/dev/shm/ovl_*", 0, nullptr, &found) == 0) {
+    for (size_t i = 0; i < found.gl_pathc; ++i) paths.emplace_back(found.gl_pathv[i]);
+  }
+  globfree(&found);
+  return paths;
+}
 
 pid_t spawn_child(const std::function<int()>& body) {
   std::fflush(nullptr);

@@ -22,6 +22,9 @@ void clear_captured_logs();
 // True when exactly one record has this priority and message.
 bool logged_once(int priority, const std::string& message);
 
+// Every "/dev/shm/ovl_*" object there is: what the library may leave behind.
+std::vector<std::string> table_files();
+
 // Starts body in a forked child whose exit status is body's result; the
 // child never returns into the test.
 pid_t spawn_child(const std::function<int()>& body);

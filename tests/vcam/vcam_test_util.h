@@ -3,7 +3,6 @@
 
 #include <cairo.h>
 #include <fcntl.h>
-#include <glob.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +17,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "test_support.h"
 
 namespace vcam_test {
 
@@ -132,17 +133,7 @@ inline std::string read_text(const std::string& path) {
   return text.str();
 }
 
-inline std::vector<std::string> table_files() {
-  std::vector<std::string> paths;
-  glob_t found{};
-  if (glob("/dev/shm/ovl_*", 0, nullptr, &found) == 0) {
-    for (size_t i = 0; i < found.gl_pathc; ++i) {
-      paths.emplace_back(found.gl_pathv[i]);
-    }
-  }
-  globfree(&found);
-  return paths;
-}
+using zantrel::test::table_files;
 
 // A PNG read back as 0xAARRGGBB pixels.
 class Picture {
