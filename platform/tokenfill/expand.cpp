@@ -68,9 +68,9 @@ class Moment {
   const tm* broken_down(bool local) {
     Slot& slot = local ? local_ : utc_;
     if (!slot.done) {
-      const time_t seconds = this->seconds();
-      slot.valid =
-          (local ? localtime_r(&seconds, &slot.value) : gmtime_r(&seconds, &slot.value)) != nullptr;
+      time_t seconds = 0;
+      slot.valid = this->seconds(seconds) && (local ? localtime_r(&seconds, &slot.value)
+                                                    : gmtime_r(&seconds, &slot.value)) != nullptr;
       slot.done = true;
     }
     return slot.valid ? &slot.value : nullptr;
@@ -83,13 +83,19 @@ class Moment {
     bool valid = false;
   };
 
-  time_t seconds() const {
+  // False when "now" does not fit the C library's time_t: with a 32-bit
+  // time_t, from 2038-01-19 03:14:08 UTC on, the clock answers EOVERFLOW.
+  bool seconds(time_t& seconds) const {
     if (time_ != nullptr) {
-      return time_->tv_sec;
+      seconds = time_->tv_sec;
+      return true;
     }
     timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec;
+    if (clock_gettime(CLOCK_REALTIME, &now) != 0) {
+      return false;
+    }
+    seconds = now.tv_sec;
+    return true;
   }
 
   const timeval* time_;

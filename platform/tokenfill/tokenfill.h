@@ -46,8 +46,12 @@ TOKENFILL_API tokenfill_context* tokenfill_init(void) TOKENFILL_NOEXCEPT;
  * Returns the number of bytes written before the NUL, or -1 (errno EINVAL)
  * for a NULL out, template or context, a context that tokenfill_init did not
  * give or that was released, or a size of 0; nothing is written then. A time
- * that has no calendar date (year beyond int) gives -1 and an empty output
- * when the template needs the date. use_local_time other than 0 means local.
+ * that has no calendar date gives -1 and an empty output when the template
+ * needs the date or time: with a 64-bit time_t, seconds whose year is beyond
+ * int; with a 32-bit time_t (the camera), every time_t has a date, from
+ * 1901-12-13 20:45:52 to 2038-01-19 03:14:07 UTC, and it is "now" from
+ * 2038-01-19 03:14:08 UTC on, which the clock cannot give in a time_t, that has
+ * none. use_local_time other than 0 means local.
  *
  *   %x   as strftime gives it ("%%" is a "%")
  *   #D   date, YYYY-MM-DD       #T   time, HH:MM:SS

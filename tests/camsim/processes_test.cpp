@@ -35,6 +35,7 @@ TEST(Processes, OverlaysAndFaultsAreShared) {
 class KilledClient : public ::testing::TestWithParam<camsim_command> {};
 
 TEST_P(KilledClient, LeavesTheDriverUsable) {
+  ZANTREL_SKIP_UNLESS_ROBUST_MUTEXES();
   ASSERT_EQ(camsim_reset(), 0);
   // 80 MiB of the 128 MiB arena: a leaked one makes the next create fail.
   const internal_overlay big = record(4, 4096, 5120);

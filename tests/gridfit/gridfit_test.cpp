@@ -261,7 +261,9 @@ TEST_F(Gridfit, RefusesPathsThatDoNotFitTheBuffer) {
   std::string deep = (root_ / "cache").string();
   const std::size_t name = std::strlen(buffer_.data()) - deep.size();
   while (deep.size() + name < GRIDFIT_PATH_SIZE - 1) {
-    deep += "/" + std::string(std::min<std::size_t>(200, 510 - deep.size() - name), 'd');
+    const std::size_t length = std::min<std::size_t>(200, 510 - deep.size() - name);
+    deep += '/';
+    deep.append(length, 'd');
   }
   for (const bool fits : {true, false}) {
     fs::create_directories(deep);

@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -112,14 +113,27 @@ TEST_F(Tokenfill, RefusesBadArgumentsWithoutWriting) {
   EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(Tokenfill, TimesWithoutADateAndNow) {
-  const timeval far{LLONG_MAX, 0};
-  EXPECT_EQ(expand("plain %% ##", false, &far), "plain % #");
-  char out[16] = "keep";
-  EXPECT_EQ(tokenfill_expand(out, sizeof out, "x#D", context_.get(), &far), -1);
-  EXPECT_STREQ(out, "");
-  const long before = time(nullptr);
-  const long now = std::stol(expand("%s", false, nullptr));
+// The ends of time_t: on the camera (32-bit time_t) every value has a date;
+// with a 64-bit time_t the extremes have none, and only the date and time
+// modifiers fail on them.
+TEST_F(Tokenfill, EndsOfTimeT) {
+  constexpr bool k32 = sizeof(time_t) == 4;
+  const struct {
+    time_t seconds;
+    const char* expected;
+  } kCases[] = {{std::numeric_limits<time_t>::max(), k32 ? "2038-01-19 03:14:07" : nullptr},
+                {std::numeric_limits<time_t>::min(), k32 ? "1901-12-13 20:45:52" : nullptr},
+                {-1, "1969-12-31 23:59:59"}};
+  for (const auto& c : kCases) {
+    const timeval time{c.seconds, 0};
+    char out[32] = "keep";
+    const int length = tokenfill_expand(out, sizeof out, "#D #T", context_.get(), &time);
+    EXPECT_STREQ(out, c.expected != nullptr ? c.expected : "") << c.seconds;
+    EXPECT_EQ(length, c.expected != nullptr ? 19 : -1);
+    EXPECT_EQ(expand("plain %% ##", false, &time), "plain % #");
+  }
+  const long long before = time(nullptr);
+  const long long now = std::stoll(expand("%s", false, nullptr));
   EXPECT_GE(now, before);
   EXPECT_LE(now, time(nullptr));
 }

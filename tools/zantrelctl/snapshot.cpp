@@ -45,7 +45,10 @@ std::string join(const std::vector<int>& handles) {
   }
   std::string text;
   for (int handle : handles) {
-    text += (text.empty() ? "" : " ") + std::to_string(handle);
+    if (!text.empty()) {
+      text += ' ';
+    }
+    text += std::to_string(handle);
   }
   return text;
 }
