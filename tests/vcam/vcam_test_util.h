@@ -46,10 +46,11 @@ class TempDir {
 // that the test reads.
 class VcamProcess {
  public:
-  VcamProcess(const std::vector<std::string>& args, const std::string& stdout_path) {
+  VcamProcess(const std::vector<std::string>& args, const std::string& stdout_path,
+              const char* program = ZANTREL_VCAM) {
     int err[2];
     EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
-    std::vector<std::string> all{ZANTREL_VCAM};
+    std::vector<std::string> all{program};
     all.insert(all.end(), args.begin(), args.end());
     pid_ = fork();
     if (pid_ == 0) {
