@@ -1,5 +1,5 @@
-// Modifiable texts of one stream: drawn again only when the expanded text
-// changed, into the same overlay while the pixel count stays, and scrolled.
+// Modifiable texts of one stream: drawn again only when what would be drawn
+// changed, kept on a failed frame, scrolled, and dropped when unused.
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
@@ -48,41 +48,87 @@ class ModifiableText : public testing::Test {
   overlay_table_entry slot_{};
 };
 
-TEST_F(ModifiableText, DrawnOnlyWhenTheTextChanges) {
+// Drawn again only when what would be drawn changed: the text, a colour, or
+// the size the renderer gets (scaled only when scalable, truncated, raised to
+// 16, unscaled for a legacy band).
+TEST_F(ModifiableText, DrawnAgainOnlyWhenItWouldLookDifferent) {
+  const struct {
+    const char* name;
+    uint32_t legacy;
+    int32_t size, new_size;
+    overlay_color text, outline, background;  // after the change
+    bool redrawn;
+  } cases[] = {
+      {"Unchanged", 0, 40, 40, OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK, OVERLAY_COLOR_BLACK,
+       false},
+      {"TextColour", 0, 40, 40, OVERLAY_COLOR_RED, OVERLAY_COLOR_BLACK, OVERLAY_COLOR_BLACK, true},
+      {"Outline", 0, 40, 40, OVERLAY_COLOR_WHITE, OVERLAY_COLOR_RED, OVERLAY_COLOR_BLACK, true},
+      {"Background", 0, 40, 40, OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK, OVERLAY_COLOR_RED, true},
+      {"Size", 0, 40, 41, OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK, OVERLAY_COLOR_BLACK, true},
+      {"BothRaisedTo16", 0, 10, 12, OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK, OVERLAY_COLOR_BLACK,
+       false},
+      // The same em size, but a band one row taller.
+      {"LegacyBand", 1, 20, 21, OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK, OVERLAY_COLOR_BLACK,
+       true},
+  };
+  overlay_text& t = slot_.data.description.text;
+  for (const auto& c : cases) {
+    g_hash_table_remove_all(stream_->text_contexts);
+    text_ = o_modifiable_text_context_get(stream_, 7);
+    t.overlay.legacy = c.legacy;
+    t.font_size = c.size;
+    t.text_color = OVERLAY_COLOR_WHITE;
+    t.outline_color = t.background_color = OVERLAY_COLOR_BLACK;
+    const uint32_t first = frame();
+    ASSERT_GT(first, 0u) << c.name;
+    const long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
+    t.font_size = c.new_size;
+    t.text_color = c.text;
+    t.outline_color = c.outline;
+    t.background_color = c.background;
+    EXPECT_GT(frame(), 0u);
+    EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER) - submits, c.redrawn ? 1 : 0) << c.name;
+  }
+}
+
+// A clock is drawn once, at every size a text may have, on the camera's
+// stream sizes, scalable or not.
+TEST_F(ModifiableText, SteadyTextIsNotDrawnAgainAtAnySize) {
+  overlay_text& t = slot_.data.description.text;
+  std::snprintf(t.text, sizeof t.text, "12:34:56");
+  for (uint32_t height : {1080u, 720u, 360u, 240u}) {
+    overlay_stream_context* stream =
+        overlay_stream_context_create(o_get_fd(), 0, 1, 0, height * 16 / 9, height, 7);
+    modifiable_text_context* text = o_modifiable_text_context_get(stream, 7);
+    for (int32_t scalable : {0, 1}) {
+      for (int32_t size = 10; size <= 200; ++size) {
+        t.scalable = scalable;
+        t.font_size = size;
+        const uint32_t id = o_get_modifiable_text_overlay_id(stream, text, &slot_, nullptr);
+        const long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
+        EXPECT_EQ(o_get_modifiable_text_overlay_id(stream, text, &slot_, nullptr), id);
+        ASSERT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits)
+            << height << " rows, scalable " << scalable << ", size " << size;
+      }
+    }
+    overlay_stream_context_destroy(stream);
+  }
+}
+
+TEST_F(ModifiableText, FailedFrameKeepsTheOverlayAndIsDrawnAgain) {
   const uint32_t first = frame();
   ASSERT_GT(first, 0u);
-  camsim_overlay_info info{};
-  ASSERT_EQ(camsim_get_overlay_info(first, &info), 0);
-  EXPECT_EQ(info.record.nbr_buffers, 3u);
-  const long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
-
-  EXPECT_EQ(frame(), first);
-  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits) << "same text: not drawn";
-
-  // The next second has as many pixels: a fresh buffer of the same overlay.
-  ++time_.tv_sec;
-  EXPECT_EQ(frame(), first);
-  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits + 1);
-
-  // A wider text needs a new overlay; the old one goes once the new shows.
-  std::snprintf(slot_.data.description.text.text, 512, "%%Y-%%m-%%d %%H:%%M:%%S");
-  const uint32_t wider = frame();
-  EXPECT_NE(wider, first);
-  EXPECT_NE(camsim_get_overlay_info(first, &info), 0);
-  EXPECT_EQ(camsim_live_count(), 1);
-
-  // Another colour redraws the same text.
-  slot_.data.description.text.text_color = OVERLAY_COLOR_RED;
-  EXPECT_EQ(frame(), wider);
-  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits + 3);
-
-  // A failed creation keeps the overlay the context has.
+  // A shorter text needs a new overlay, which cannot be made this frame.
   std::snprintf(slot_.data.description.text.text, 512, "%%H");
   ASSERT_EQ(camsim_inject_fault(CAMSIM_CREATE_OVERLAY, 1, ENOMEM), 0);
   EXPECT_EQ(frame(), 0u);
   EXPECT_TRUE(
       logged_once(LOG_ERR, "libzantrel: Could not create modifiable text overlay buffers\n"));
-  ASSERT_EQ(camsim_get_overlay_info(wider, &info), 0);
+  camsim_overlay_info info{};
+  ASSERT_EQ(camsim_get_overlay_info(first, &info), 0);
+  const uint32_t next = frame();
+  EXPECT_TRUE(next != 0 && next != first) << "drawn on the next frame";
+  EXPECT_NE(camsim_get_overlay_info(first, &info), 0);
 
   g_hash_table_remove_all(stream_->text_contexts);
   EXPECT_EQ(camsim_live_count(), 0) << "the context owned its overlay";

@@ -240,6 +240,42 @@ TEST(VcamRepeat, TwoRunsDrawTheSamePictures) {
   EXPECT_EQ(compared, 5);
 }
 
+// A short soak: the scene changes every few seconds, and from the first
+// change back to the last the processes and the driver stay as they were.
+TEST(VcamSoak, ProcessesStayFlat) {
+  vcam_test::TempDir dir;
+  vcam_test::VcamProcess vcam(
+      {"--soak", "--seconds", "40", "--streams", "1280x720,640x360", "--out", dir.path()},
+      dir.path() + "/stdout.txt");
+  ASSERT_EQ(vcam.wait(), 0) << vcam.stderr_text();
+  const std::string out = vcam_test::read_text(dir.path() + "/stdout.txt");
+  EXPECT_NE(out.find("gatherings:      1280x720: 9, 640x360: 9"), std::string::npos) << out;
+  EXPECT_NE(out.find("processes:       at 08.000s -> at 39.967s"), std::string::npos) << out;
+  int live_start = -1, live_end = -2;
+  ASSERT_EQ(std::sscanf(out.c_str() + out.find("live overlays:"), "live overlays: %d -> %d",
+                        &live_start, &live_end),
+            2);
+  EXPECT_EQ(live_start, live_end);
+  for (const char* process : {"owner", "application", "encoder"}) {
+    const size_t at = out.find("    " + std::string(process) + " ");
+    ASSERT_NE(at, std::string::npos) << process;
+    long size[2], rss[2];
+    int fds[2];
+    ASSERT_EQ(std::sscanf(out.c_str() + at + 4 + std::strlen(process),
+                          " VmSize %ld kB, VmRSS %ld kB, %d fds -> VmSize %ld kB, VmRSS %ld kB, "
+                          "%d fds",
+                          &size[0], &rss[0], &fds[0], &size[1], &rss[1], &fds[1]),
+              6)
+        << out;
+    EXPECT_EQ(fds[0], fds[1]) << process;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // The sanitizers' own allocators keep freed memory for a while.
+    EXPECT_LE(size[1] - size[0], 512) << process;
+    EXPECT_LE(rss[1] - rss[0], 512) << process;
+#endif
+  }
+}
+
 TEST(VcamTimeline, CapturesAreOrderedDistinctAndInsideTheRun) {
   for (int seconds : {1, 2, 3, 10}) {
     const vcam::Timeline timeline = vcam::make_timeline(seconds);
@@ -250,6 +286,10 @@ TEST(VcamTimeline, CapturesAreOrderedDistinctAndInsideTheRun) {
     }
   }
   EXPECT_EQ(vcam::make_timeline(10).captures.size(), 4u);
+  // A soak run changes the scene an even number of times, ending as it began.
+  const vcam::Timeline soak = vcam::make_timeline(40, true);
+  EXPECT_EQ(soak.changes, (std::vector<int>{120, 240, 360, 480, 600, 720, 840, 960}));
+  EXPECT_EQ(soak.baseline_frame, 240);
   EXPECT_EQ(vcam::time_label(299), "09.967s");
   const timeval last = vcam::frame_time(299);
   EXPECT_EQ(last.tv_sec, vcam::kStartTime + 9);
