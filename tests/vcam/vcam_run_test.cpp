@@ -241,20 +241,13 @@ TEST(VcamSoak, ProcessesStayFlat) {
   EXPECT_EQ(live[1], live[2]);
 }
 
-TEST(VcamTimeline, CapturesAreOrderedDistinctAndInsideTheRun) {
-  for (int seconds : {1, 2, 3, 10}) {
-    const vcam::Timeline timeline = vcam::make_timeline(seconds);
-    EXPECT_EQ(timeline.frames, seconds * vcam::kFramesPerSecond);
-    EXPECT_EQ(timeline.captures.back().frame, timeline.frames - 1);
-    for (size_t i = 1; i < timeline.captures.size(); ++i) {
-      EXPECT_LT(timeline.captures[i - 1].frame, timeline.captures[i].frame);
-    }
-  }
-  EXPECT_EQ(vcam::make_timeline(10).captures.size(), 4u);
-  // A soak run changes the scene an even number of times, ending as it began.
+// The captures of the runs above are checked there; here the soak's changes
+// and the names of the frames.
+TEST(VcamTimeline, SoakEndsWithTheSceneItBeganWith) {
   const vcam::Timeline soak = vcam::make_timeline(40, true);
   EXPECT_EQ(soak.changes, (std::vector<int>{120, 240, 360, 480, 600, 720, 840, 960}));
   EXPECT_EQ(soak.baseline_frame, 240);
+  EXPECT_EQ(vcam::make_timeline(40).changes, std::vector<int>{600});
   EXPECT_EQ(vcam::time_label(299), "09.967s");
   const timeval last = vcam::frame_time(299);
   EXPECT_EQ(last.tv_sec, vcam::kStartTime + 9);
