@@ -1,7 +1,9 @@
 // The encoder's per-frame call against the simulated driver: a frame with
 // nothing to do, a frame with a clock text whose second did not change, one
-// whose second changed, and a gathering after one change among 8 overlays.
-// Each reports the driver calls a frame makes.
+// whose second changed, a gathering after one change among 8 overlays, and a
+// simulated minute of a clock text on four streams of different sizes.
+// Each reports the driver calls a frame makes, or the redraws per
+// stream-second.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -148,6 +150,82 @@ void BM_GatherAfterChange(benchmark::State& state) {
   driver_calls(state, calls);
 }
 BENCHMARK(BM_GatherAfterChange)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+
+// A clock text ("#D #T", font size `range(1)`, scalable when `range(0)` is 1)
+// on four streams of one channel, run for a simulated minute of frames per
+// iteration. A clock should be drawn once a second on every stream, whatever
+// the stream's size; cpu_per_call is the mean CPU time of one call.
+void BM_ClockMinute(benchmark::State& state) {
+  struct Size {
+    uint32_t width;
+    uint32_t height;
+    const char* name;
+  };
+  constexpr Size kSizes[] = {{1920, 1080, "redraws_per_s_1080"},
+                             {1280, 720, "redraws_per_s_720"},
+                             {640, 360, "redraws_per_s_360"},
+                             {320, 240, "redraws_per_s_240"}};
+  constexpr int kFrames = 60 * 30;
+  if (camsim_reset() != 0 || overlay_init(0) <= 0) {
+    state.SkipWithError("no simulated driver or table");
+    return;
+  }
+  overlay_text text{};
+  std::snprintf(text.text, sizeof text.text, "#D #T");
+  text.overlay.priority = 60;
+  text.overlay.position = {0.02F, 0.03F, 1, 1, OVERLAY_COORDS_NORMALIZED};
+  text.font_size = static_cast<int32_t>(state.range(1));
+  text.scalable = static_cast<int32_t>(state.range(0));
+  text.text_color = OVERLAY_COLOR_WHITE;
+  text.outline_color = OVERLAY_COLOR_BLACK;
+  text.background_color = OVERLAY_COLOR_SEMI_TRANSPARENT;
+  overlay_add_to_channel(overlay_text_create(&text), 0);
+
+  tokenfill_context* expansion = tokenfill_init();
+  timeval now{1795348800, 0};
+  const overlay_expansion_params params{expansion, &now};
+  std::vector<overlay_stream_context*> contexts;
+  std::vector<overlay_encreq> requests(std::size(kSizes));
+  for (const Size& size : kSizes) {
+    contexts.push_back(overlay_stream_context_create(
+        o_get_fd(), 0, static_cast<unsigned>(contexts.size()), 0, size.width, size.height,
+        OVERLAY_FILTER_LEGACY | OVERLAY_FILTER_NON_LEGACY | OVERLAY_FILTER_PLAIN));
+  }
+  // The first frame gathers and draws; what follows is the steady state.
+  for (size_t s = 0; s < contexts.size(); ++s) {
+    overlay_setup_in_encreq(contexts[s], &requests[s], &params);
+  }
+  std::vector<long> redraws(contexts.size(), 0);
+  long frames = 0;
+  for (auto _ : state) {
+    const timeval start = now;
+    for (size_t s = 0; s < contexts.size(); ++s) {
+      const long before = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
+      for (int frame = 0; frame < kFrames; ++frame) {
+        now.tv_sec = start.tv_sec + frame / 30;
+        now.tv_usec = static_cast<suseconds_t>(frame % 30) * 1000000 / 30;
+        overlay_setup_in_encreq(contexts[s], &requests[s], &params);
+      }
+      redraws[s] += camsim_call_count(CAMSIM_SUBMIT_BUFFER) - before;
+    }
+    now.tv_sec = start.tv_sec + kFrames / 30;
+    frames += kFrames;
+  }
+  for (size_t s = 0; s < contexts.size(); ++s) {
+    state.counters[kSizes[s].name] =
+        static_cast<double>(redraws[s]) * 30.0 / static_cast<double>(frames > 0 ? frames : 1);
+  }
+  state.counters["cpu_per_call"] =
+      benchmark::Counter(static_cast<double>(frames) * static_cast<double>(contexts.size()),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  for (overlay_stream_context* context : contexts) overlay_stream_context_destroy(context);
+  tokenfill_exit(expansion);
+  overlay_deinit();
+}
+BENCHMARK(BM_ClockMinute)
+    ->ArgNames({"scalable", "font_size"})
+    ->ArgsProduct({{0, 1}, {28, 40}})
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -10,9 +10,11 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "api.h"
 #include "common/log.h"
+#include "render/render.h"
 #include "text_overlay.h"
 
 namespace zantrel::api {
@@ -47,15 +49,63 @@ T* mapped_or_null(T* mapping) {
   return mapping == MAP_FAILED ? nullptr : mapping;
 }
 
+// The renderers of the text contexts that a gathering ends, by handle. The
+// text contexts made again for the same handles in that call take them over,
+// so a clock that stays on the stream keeps its glyph cache and is not drawn
+// glyph by glyph after every change of the tables; the rest are destroyed.
+class CarriedRenderers {
+ public:
+  CarriedRenderers() = default;
+  CarriedRenderers(const CarriedRenderers&) = delete;
+  CarriedRenderers& operator=(const CarriedRenderers&) = delete;
+  ~CarriedRenderers() {
+    for (size_t i = 0; i < count_; ++i) render_text_destroy(carried_[i].render);
+  }
+
+  void take_from(GHashTable* text_contexts) {
+    if (text_contexts == nullptr) return;
+    GHashTableIter iter;
+    gpointer key = nullptr;
+    gpointer value = nullptr;
+    g_hash_table_iter_init(&iter, text_contexts);
+    while (count_ < std::size(carried_) && g_hash_table_iter_next(&iter, &key, &value)) {
+      auto* text = static_cast<modifiable_text_context*>(value);
+      carried_[count_++] = {GPOINTER_TO_INT(key), text->render};
+      text->render = nullptr;
+    }
+  }
+
+  void give_to(modifiable_text_context* text, int handle) {
+    for (size_t i = 0; i < count_; ++i) {
+      if (carried_[i].handle != handle || carried_[i].render == nullptr) continue;
+      render_text_destroy(text->render);
+      text->render = carried_[i].render;
+      carried_[i].render = nullptr;
+      // It draws from here on exactly as a fresh renderer would.
+      zantrel::render::reuse_glyph_cache(text->render);
+      return;
+    }
+  }
+
+ private:
+  struct Carried {
+    int handle;
+    render_text_context* render;
+  };
+  Carried carried_[kPositions] = {};
+  size_t count_ = 0;
+};
+
 // Takes the lock and gathers the stream's entries afresh; false when the
 // lock cannot be had.
-bool gather(overlay_stream_context* context) {
+bool gather(overlay_stream_context* context, CarriedRenderers& renderers) {
   if (overlay_table_lock(context->table) != 0) return false;
   ++context->version;
   context->table_version = table::read_version(context->table->version);
   if (context->stream_table != nullptr) {
     context->stream_version = table::read_version(context->stream_table->version);
   }
+  renderers.take_from(context->text_contexts);
   _clear_osc_local_overlays(context);
   overlay_table_get_entries(context->table, context->stream_table, context->slots, context->handles,
                             context->channel, static_cast<int>(context->stream), context->filter);
@@ -88,7 +138,8 @@ int copy_text(overlay_stream_context* context, overlay_table_entry& slot) {
 
 // Writes the gathered overlays into the request; true when a modifiable text
 // has a position in it.
-bool compose(overlay_stream_context* context, overlay_encreq* request, bool gathered) {
+bool compose(overlay_stream_context* context, overlay_encreq* request, bool gathered,
+             CarriedRenderers& renderers) {
   for (int i = 0; i < kPositions; ++i) o_encode_set_overlay_id(request, i, 0);
   overlay_caps caps{};
   o_get_overlay_caps(&caps);
@@ -105,6 +156,7 @@ bool compose(overlay_stream_context* context, overlay_encreq* request, bool gath
           modifiable_text_context* text =
               o_modifiable_text_context_get(context, context->handles[i]);
           if (text == nullptr) continue;
+          renderers.give_to(text, context->handles[i]);
           o_modifiable_text_context_update_count(text, static_cast<int>(p));
         }
         modifiable = true;
@@ -269,6 +321,7 @@ int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* req
   // The change counters are read without the lock: a change seen late is
   // picked up by the next frame.
   bool gathered = false;
+  CarriedRenderers renderers;
   const uint32_t table_version = zantrel::table::read_version(context->table->version);
   bool changed = table_version != context->table_version;
   if (!changed) {
@@ -280,12 +333,12 @@ int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* req
         mapped_or_null(overlay_table_map_stream(static_cast<int>(context->stream)));
   }
   if (changed) {
-    if (!gather(context)) return 0;
+    if (!gather(context, renderers)) return 0;
     gathered = true;
   }
 
   const bool up_to_date = o_encode_get_version(request) == static_cast<uint32_t>(context->version);
-  if (!up_to_date && !compose(context, request, gathered)) return 0;
+  if (!up_to_date && !compose(context, request, gathered, renderers)) return 0;
   if (context->text_contexts == nullptr || g_hash_table_size(context->text_contexts) == 0) {
     return 0;
   }

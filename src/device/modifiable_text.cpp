@@ -1,5 +1,6 @@
 // Modifiable texts: per stream and text, the text is expanded every frame and
-// drawn again only when it, its colours or its size changed; scrolling texts
+// drawn again only when it, its colours or the size it is drawn at changed;
+// scrolling texts
 // move a step every frame.
 #include <glib.h>
 
@@ -51,6 +52,13 @@ unsigned char* kept_buffer(modifiable_text_context& context, int fd, int offset)
   return place.address;
 }
 
+// The overlay shows the text as the record and stream would draw it now.
+bool shows_look_of(const modifiable_text_context& context, const overlay_text& t, int size) {
+  return context.drawn_size == size && context.drawn_text_color == t.text_color &&
+         context.drawn_outline_color == t.outline_color &&
+         context.drawn_background_color == t.background_color;
+}
+
 }  // namespace
 }  // namespace zantrel::device
 
@@ -77,6 +85,7 @@ modifiable_text_context* o_modifiable_text_context_create(int fd) {
   }
   context->fd = fd;
   context->count = -1;
+  context->drawn_size = -1;
   return context;
 }
 
@@ -123,13 +132,18 @@ uint32_t o_get_modifiable_text_overlay_id(overlay_stream_context* stream,
   char expanded[kTextSize] = {};
   expand(expanded, t, params);
 
-  const bool restyled =
-      utils_compare_overlay_text_color_and_size(context->render, &t, stream_scale(*stream)) != 0;
+  // Compared with what would be drawn (the size o_render_text uses, not the
+  // render context's em size), so that a text is not drawn again every frame
+  // on streams where that size is scaled, truncated or raised to 16.
+  const int size = render_size(t, stream);
   if (std::strncmp(expanded, context->text, kTextSize) != 0) {
     std::memcpy(context->text, expanded, kTextSize);
-  } else if (!restyled && context->kernel_id != 0) {
+  } else if (context->kernel_id != 0 && shows_look_of(*context, t, size)) {
     return context->kernel_id;
   }
+  // Until this draw succeeds, the overlay does not show what this frame
+  // asks for: a failed frame is drawn again on the next one.
+  context->drawn_size = -1;
 
   sized_buffer rendered{};
   if (o_render_text(&rendered, &t, context->render, stream, expanded) != 0) {
@@ -196,6 +210,10 @@ uint32_t o_get_modifiable_text_overlay_id(overlay_stream_context* stream,
   }
   context->kernel_id = static_cast<uint32_t>(id);
   context->pixel_count = pixels;
+  context->drawn_size = size;
+  context->drawn_text_color = t.text_color;
+  context->drawn_outline_color = t.outline_color;
+  context->drawn_background_color = t.background_color;
   if (replaced > 0) o_destroy_overlay(fd, replaced);
   return context->kernel_id;
 }

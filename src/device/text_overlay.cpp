@@ -27,6 +27,16 @@ int scaled_font_size(const overlay_text& t, const overlay_stream_context* stream
                           static_cast<float>(t.font_size));
 }
 
+bool drawn_as_legacy(const overlay_text& t, const overlay_stream_context* stream) {
+  return t.overlay.legacy == 1 && stream != nullptr;
+}
+
+int render_size(const overlay_text& t, const overlay_stream_context* stream) {
+  if (drawn_as_legacy(t, stream)) return t.font_size;
+  const int size = scaled_font_size(t, stream);
+  return size < kMinimumSize ? kMinimumSize : size;
+}
+
 LineList::~LineList() {
   for (int i = 0; i < count; ++i) free(lines[i]);
   free(lines);
@@ -36,10 +46,6 @@ int LineList::split(const char* text) {
   const int rc = split_into_lines(&lines, &count, text);
   if (rc != 0) count = 0;
   return rc;
-}
-
-float stream_scale(const overlay_stream_context& stream) {
-  return stream.height == 1080 ? 1.0f : static_cast<float>(stream.height / 1080.0);
 }
 
 bool write_dual_copy(unsigned char* buffer, size_t buffer_size, const sized_buffer& rendered) {
@@ -64,11 +70,11 @@ int o_render_text(sized_buffer* out, const overlay_text* t, render_text_context*
                   const overlay_stream_context* stream, const char* text) {
   if (out == nullptr || t == nullptr || render == nullptr) return -1;
   if (text == nullptr) text = t->text;
-  const int size = scaled_font_size(*t, stream);
+  const int size = render_size(*t, stream);
   sized_buffer result{};
-  if (t->overlay.legacy == 1 && stream != nullptr) {
+  if (drawn_as_legacy(*t, stream)) {
     result = render_text_buffer_legacy(render, text, t->text_color, t->outline_color,
-                                       t->background_color, t->background_color, t->font_size,
+                                       t->background_color, t->background_color, size,
                                        stream->width, at_bottom_edge(t->overlay.position) ? 8 : 0);
   } else {
     LineList lines;
@@ -77,8 +83,7 @@ int o_render_text(sized_buffer* out, const overlay_text* t, render_text_context*
       return -1;
     }
     result = render_text_buffer_multiline(render, lines.lines, lines.count, t->text_color,
-                                          t->outline_color, t->background_color,
-                                          size < kMinimumSize ? kMinimumSize : size);
+                                          t->outline_color, t->background_color, size);
   }
   *out = result;
   if (result.data == nullptr) {

@@ -23,6 +23,13 @@ struct modifiable_text_context {
     unsigned char* address;
   } mappings[3];
   uint32_t next_mapping;  // the place a new mapping takes when all are used
+  // What kernel_id shows besides `text`: the text size given to the renderer
+  // (-1 when nothing valid is shown) and the three colours. A frame draws
+  // again only when one of them or the text differs from what it would draw.
+  int32_t drawn_size;
+  overlay_color drawn_text_color;
+  overlay_color drawn_outline_color;
+  overlay_color drawn_background_color;
 };
 
 namespace zantrel::device {
@@ -34,10 +41,13 @@ constexpr size_t kTextSize = 512;
 // buffer is too small.
 bool write_dual_copy(unsigned char* buffer, size_t buffer_size, const sized_buffer& rendered);
 
-// The stream's scale for scalable texts (1.0 at 1080 rows).
-float stream_scale(const overlay_stream_context& stream);
 // The record's font size, scaled for the stream when the text is scalable.
 int scaled_font_size(const overlay_text& t, const overlay_stream_context* stream);
+// o_render_text draws the text as a legacy band across the stream.
+bool drawn_as_legacy(const overlay_text& t, const overlay_stream_context* stream);
+// The text size that o_render_text gives its renderer: the unscaled font
+// size for a legacy band, else the scaled size raised to 16.
+int render_size(const overlay_text& t, const overlay_stream_context* stream);
 // The text sits on the picture's bottom edge: a legacy band there reaches
 // down to the edge.
 bool at_bottom_edge(const overlay_position& position);

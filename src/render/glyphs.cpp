@@ -1,6 +1,7 @@
 // Glyphs: UTF-8 to glyph indices, and drawing one glyph into the cache.
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "common/log.h"
@@ -29,7 +30,28 @@ glyph_cache_entry* cached_glyph(render_text_context* context, const cairo_glyph_
                                 uint32_t pad) {
   auto* entry = static_cast<glyph_cache_entry*>(
       g_hash_table_lookup(context->glyph_cache, GUINT_TO_POINTER(glyph.index)));
+  if (entry != nullptr && entry->unconfirmed) {
+    cairo_text_extents_t extents;
+    cairo_glyph_extents(context->cr, &glyph, 1, &extents);
+    if (std::memcmp(&extents, &entry->extents, sizeof extents) == 0) {
+      entry->unconfirmed = false;
+    } else {
+      g_hash_table_remove(context->glyph_cache, GUINT_TO_POINTER(glyph.index));
+      free_glyph_cache_entry(nullptr, entry, nullptr);
+      entry = nullptr;
+    }
+  }
   return entry != nullptr ? entry : render_glyph(context, glyph, pad);
+}
+
+void reuse_glyph_cache(render_text_context* self) {
+  self->last_width = -1;
+  g_hash_table_foreach(
+      self->glyph_cache,
+      [](gpointer, gpointer value, gpointer) {
+        static_cast<glyph_cache_entry*>(value)->unconfirmed = true;
+      },
+      nullptr);
 }
 
 glyph_cache_entry* render_glyph(render_text_context* context, const cairo_glyph_t& glyph,

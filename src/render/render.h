@@ -19,6 +19,9 @@
 struct glyph_cache_entry {
   cairo_text_extents_t extents;
   sized_buffer* image;
+  // Kept from an earlier text (see reuse_glyph_cache): the image is used
+  // again only if this glyph measures the same where it first appears now.
+  bool unconfirmed;
 };
 
 struct render_text_context {
@@ -34,12 +37,11 @@ struct render_text_context {
   int32_t max_x_advance;
   cairo_surface_t* surface;  // 1x1, for measuring only
   cairo_t* cr;
+  // The process's one FreeType library and face and cairo's font face made
+  // from them, borrowed on the first refresh; the context never frees them.
   FT_Library ft_lib;
   FT_Face ft_face;
   overlay_format format;
-  // cairo's view of ft_face. cairo keeps font faces in caches beyond the
-  // life of this context, so the FreeType face and library are handed to the
-  // font face and released when cairo drops its last reference.
   cairo_font_face_t* font_face;
 };
 
@@ -59,9 +61,17 @@ inline uint32_t round_up_16(uint32_t value) { return (value + 15u) & ~15u; }
 // Words in a row of width pixels (width a multiple of 16).
 inline uint32_t row_words(uint32_t width, const Packing& p) { return width / p.pixels_per_word; }
 
+// Whether this process has opened its font yet (it never closes it).
+bool shared_font_opened();
+
 void refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_color,
                        uint8_t outline_color, uint8_t background_color);
 void empty_glyph_cache(render_text_context* self);
+// Prepares a context for drawing other texts as a fresh context would, but
+// keeping its glyph images where they come out the same: the extents of a
+// glyph depend on where in its line it was first measured, so a kept image
+// serves only once the glyph measures the same in the new text.
+void reuse_glyph_cache(render_text_context* self);
 void sized_buffer_free(sized_buffer* buffer);
 void free_glyph_cache_entry(gpointer key, gpointer value, gpointer user_data);
 

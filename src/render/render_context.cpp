@@ -1,6 +1,7 @@
 // The render context: font set-up, the glyph cache and sized buffers.
 #include <cairo-ft.h>
 
+#include <atomic>
 #include <cstdlib>
 
 #include "common/log.h"
@@ -8,21 +9,6 @@
 
 namespace zantrel::render {
 namespace {
-
-// Owns the FreeType objects once cairo has a font face for them.
-struct FreeTypeOwner {
-  FT_Library library;
-  FT_Face face;
-};
-
-const cairo_user_data_key_t kFreeTypeOwnerKey{};
-
-void release_free_type(void* data) {
-  auto* owner = static_cast<FreeTypeOwner*>(data);
-  FT_Done_Face(owner->face);
-  FT_Done_FreeType(owner->library);
-  g_free(owner);
-}
 
 // Stops the process the way a failed GLib assertion does; the font is part
 // of the firmware, so a missing one is a broken image, not a runtime error.
@@ -32,23 +18,46 @@ void release_free_type(void* data) {
   abort();  // not reached: the assertion report aborts
 }
 
-void open_face(render_text_context* self, uint32_t size) {
-  if (self->ft_lib == nullptr && FT_Init_FreeType(&self->ft_lib) != 0) {
+// The FreeType library, the face and cairo's font face made from it: one set
+// per process, opened on first need and kept until the process ends. cairo
+// requires the face to outlive every cairo object made from it, and keeps
+// font faces cached past their users; a face per context would pile up
+// mappings of the font file with every context made.
+struct SharedFont {
+  FT_Library library = nullptr;
+  FT_Face face = nullptr;
+  cairo_font_face_t* font_face = nullptr;
+};
+
+SharedFont open_shared_font(uint32_t size) {
+  SharedFont font;
+  if (FT_Init_FreeType(&font.library) != 0) {
     font_assertion_failed(__LINE__, "FT_Init_FreeType(&self->ft_lib) == 0");
   }
-  if (FT_New_Face(self->ft_lib, FONT_PATH, 1, &self->ft_face) != 0) {
+  if (FT_New_Face(font.library, FONT_PATH, 1, &font.face) != 0) {
     font_assertion_failed(__LINE__, "FT_New_Face(self->ft_lib, FONT_PATH, 1, &self->ft_face) == 0");
   }
-  FT_Set_Char_Size(self->ft_face, 0, static_cast<FT_F26Dot6>(size) * 64, 0, 0);
+  // Only the first size: from here on the face belongs to cairo, which sets
+  // the size of every scaled font under its own lock of the face.
+  FT_Set_Char_Size(font.face, 0, static_cast<FT_F26Dot6>(size) * 64, 0, 0);
+  font.font_face = cairo_ft_font_face_create_for_ft_face(font.face, FT_LOAD_NO_BITMAP);
+  return font;
+}
 
-  self->font_face = cairo_ft_font_face_create_for_ft_face(self->ft_face, FT_LOAD_NO_BITMAP);
-  auto* owner = g_new0(FreeTypeOwner, 1);
-  *owner = {self->ft_lib, self->ft_face};
-  if (cairo_font_face_set_user_data(self->font_face, &kFreeTypeOwnerKey, owner,
-                                    release_free_type) != CAIRO_STATUS_SUCCESS) {
-    // The context keeps ownership; render_text_destroy releases them.
-    g_free(owner);
-  }
+// A function-local static: made once even when several threads ask first.
+const SharedFont& shared_font(uint32_t size) {
+  static const SharedFont font = open_shared_font(size);
+  return font;
+}
+
+std::atomic<bool> font_opened{false};
+
+void use_shared_font(render_text_context* self, uint32_t size) {
+  const SharedFont& font = shared_font(size);
+  font_opened.store(true, std::memory_order_relaxed);
+  self->ft_lib = font.library;
+  self->ft_face = font.face;
+  self->font_face = font.font_face;
 }
 
 void build_scaled_font(render_text_context* self) {
@@ -69,12 +78,9 @@ void build_scaled_font(render_text_context* self) {
   cairo_font_options_destroy(options);
 }
 
-bool owned_by_cairo(const render_text_context* self) {
-  return self->font_face != nullptr &&
-         cairo_font_face_get_user_data(self->font_face, &kFreeTypeOwnerKey) != nullptr;
-}
-
 }  // namespace
+
+bool shared_font_opened() { return font_opened.load(std::memory_order_relaxed); }
 
 std::optional<Packing> packing(overlay_format format) {
   switch (format) {
@@ -95,7 +101,7 @@ void refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_co
   if (self->scaled_font == nullptr || size != self->size) {
     if (self->scaled_font != nullptr) cairo_scaled_font_destroy(self->scaled_font);
     self->size = size;
-    if (self->ft_face == nullptr) open_face(self, size);
+    if (self->ft_face == nullptr) use_shared_font(self, size);
     build_scaled_font(self);
     font_changed = true;
   }
@@ -170,13 +176,8 @@ void render_text_destroy(render_text_context* context) {
   if (context == nullptr) return;
   empty_glyph_cache(context);
   g_hash_table_destroy(context->glyph_cache);
+  // The font is the process's, not the context's: only the scaled font goes.
   if (context->scaled_font != nullptr) cairo_scaled_font_destroy(context->scaled_font);
-  const bool cairo_owns_face = owned_by_cairo(context);
-  if (context->font_face != nullptr) cairo_font_face_destroy(context->font_face);
-  if (!cairo_owns_face) {
-    if (context->ft_face != nullptr) FT_Done_Face(context->ft_face);
-    if (context->ft_lib != nullptr) FT_Done_FreeType(context->ft_lib);
-  }
   if (context->cr != nullptr) cairo_destroy(context->cr);
   if (context->surface != nullptr) cairo_surface_destroy(context->surface);
   g_free(context);

@@ -1,17 +1,14 @@
-// Modifiable texts of one stream: drawn again only when the expanded text
-// changed, into the same overlay while the pixel count stays, and scrolled.
+// Modifiable texts of one stream: drawn again only when what would be drawn
+// changed, kept on a failed frame, scrolled, and dropped when unused.
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
 #include <glib.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 
 #include "api_test_util.h"
 #include "test_support.h"
-#include "tokenfill.h"
 
 namespace {
 
@@ -23,66 +20,98 @@ class ModifiableText : public testing::Test {
     ASSERT_EQ(camsim_reset(), 0);
     ASSERT_GT(overlay_init(0), 0);
     stream_ = overlay_stream_context_create(o_get_fd(), 0, 0, 0, 1920, 1080, 7);
-    expansion_ = {tokenfill_init(), &time_};
-    text_ = o_modifiable_text_context_get(stream_, 7);
-    ASSERT_NE(text_, nullptr);
     slot_.in_use = 1;
     slot_.data.type = OVERLAY_TYPE_MODIFIABLE_TEXT;
-    overlay_text& t = slot_.data.description.text;
-    std::snprintf(t.text, sizeof t.text, "%%H:%%M:%%S");
-    t.font_size = 40;
-    t.text_color = OVERLAY_COLOR_WHITE;
-    t.overlay.position = {0.0f, 0.0f, 1, 1, OVERLAY_COORDS_NORMALIZED};
+    std::snprintf(t_.text, sizeof t_.text, "12:34:56");
+    t_.font_size = 40;
+    t_.overlay.position = {0.0f, 0.0f, 1, 1, OVERLAY_COORDS_NORMALIZED};
   }
   void TearDown() override {
     overlay_stream_context_destroy(stream_);
-    tokenfill_exit(static_cast<tokenfill_context*>(expansion_.tokenfill_context));
     overlay_deinit();
   }
-  uint32_t frame() { return o_get_modifiable_text_overlay_id(stream_, text_, &slot_, &expansion_); }
+  // The text, expanded without a time, drawn for this frame.
+  uint32_t frame(overlay_stream_context* stream = nullptr) {
+    stream = stream != nullptr ? stream : stream_;
+    return o_get_modifiable_text_overlay_id(stream, o_modifiable_text_context_get(stream, 7),
+                                            &slot_, nullptr);
+  }
 
-  timeval time_{1795350896, 0};  // 2026-11-22 12:34:56 UTC
   overlay_stream_context* stream_ = nullptr;
-  overlay_expansion_params expansion_{};
-  modifiable_text_context* text_ = nullptr;
   overlay_table_entry slot_{};
+  overlay_text& t_ = slot_.data.description.text;
 };
 
-TEST_F(ModifiableText, DrawnOnlyWhenTheTextChanges) {
+// What would be drawn decides: the text, the three colours and the size the
+// renderer gets (scaled only when scalable, truncated, raised to 16,
+// unscaled for a legacy band).
+TEST_F(ModifiableText, DrawnAgainOnlyWhenItWouldLookDifferent) {
+  constexpr overlay_color W = OVERLAY_COLOR_WHITE, B = OVERLAY_COLOR_BLACK, R = OVERLAY_COLOR_RED;
+  const struct {
+    const char* name;
+    uint32_t legacy;
+    int32_t size, new_size;
+    overlay_color text, outline, background;  // after the change; white on black before
+    bool redrawn;
+  } cases[] = {
+      {"Unchanged", 0, 40, 40, W, B, B, false},
+      {"TextColour", 0, 40, 40, R, B, B, true},
+      {"Outline", 0, 40, 40, W, R, B, true},
+      {"Background", 0, 40, 40, W, B, R, true},
+      {"Size", 0, 40, 41, W, B, B, true},
+      {"BothRaisedTo16", 0, 10, 12, W, B, B, false},
+      {"LegacyBandOneRowTaller", 1, 20, 21, W, B, B, true},  // the same em size
+  };
+  for (const auto& c : cases) {
+    g_hash_table_remove_all(stream_->text_contexts);
+    t_.overlay.legacy = c.legacy;
+    t_.font_size = c.size;
+    t_.text_color = W;
+    t_.outline_color = t_.background_color = B;
+    ASSERT_GT(frame(), 0u) << c.name;
+    const long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
+    t_.font_size = c.new_size;
+    t_.text_color = c.text;
+    t_.outline_color = c.outline;
+    t_.background_color = c.background;
+    EXPECT_GT(frame(), 0u);
+    EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER) - submits, c.redrawn ? 1 : 0) << c.name;
+  }
+  // A clock is drawn once at every size a text may have, on the camera's
+  // stream sizes, scalable or not.
+  for (uint32_t height : {1080u, 720u, 360u, 240u}) {
+    overlay_stream_context* stream =
+        overlay_stream_context_create(o_get_fd(), 0, 1, 0, height * 16 / 9, height, 7);
+    for (int32_t scalable : {0, 1}) {
+      for (t_.font_size = 10; t_.font_size <= 200; ++t_.font_size) {
+        t_.scalable = scalable;
+        const uint32_t id = frame(stream);
+        const long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
+        EXPECT_EQ(frame(stream), id);
+        ASSERT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits)
+            << height << " rows, scalable " << scalable << ", size " << t_.font_size;
+      }
+    }
+    overlay_stream_context_destroy(stream);
+  }
+}
+
+TEST_F(ModifiableText, FailedFrameKeepsTheOverlayAndIsDrawnAgain) {
   const uint32_t first = frame();
   ASSERT_GT(first, 0u);
   camsim_overlay_info info{};
-  ASSERT_EQ(camsim_get_overlay_info(first, &info), 0);
+  EXPECT_EQ(camsim_get_overlay_info(first, &info), 0);
   EXPECT_EQ(info.record.nbr_buffers, 3u);
-  const long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
-
-  EXPECT_EQ(frame(), first);
-  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits) << "same text: not drawn";
-
-  // The next second has as many pixels: a fresh buffer of the same overlay.
-  ++time_.tv_sec;
-  EXPECT_EQ(frame(), first);
-  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits + 1);
-
-  // A wider text needs a new overlay; the old one goes once the new shows.
-  std::snprintf(slot_.data.description.text.text, 512, "%%Y-%%m-%%d %%H:%%M:%%S");
-  const uint32_t wider = frame();
-  EXPECT_NE(wider, first);
-  EXPECT_NE(camsim_get_overlay_info(first, &info), 0);
-  EXPECT_EQ(camsim_live_count(), 1);
-
-  // Another colour redraws the same text.
-  slot_.data.description.text.text_color = OVERLAY_COLOR_RED;
-  EXPECT_EQ(frame(), wider);
-  EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits + 3);
-
-  // A failed creation keeps the overlay the context has.
-  std::snprintf(slot_.data.description.text.text, 512, "%%H");
+  // A shorter text needs a new overlay, which cannot be made this frame.
+  std::snprintf(t_.text, sizeof t_.text, "12");
   ASSERT_EQ(camsim_inject_fault(CAMSIM_CREATE_OVERLAY, 1, ENOMEM), 0);
   EXPECT_EQ(frame(), 0u);
   EXPECT_TRUE(
       logged_once(LOG_ERR, "libzantrel: Could not create modifiable text overlay buffers\n"));
-  ASSERT_EQ(camsim_get_overlay_info(wider, &info), 0);
+  EXPECT_EQ(camsim_get_overlay_info(first, &info), 0);
+  const uint32_t next = frame();
+  EXPECT_TRUE(next != 0 && next != first) << "drawn on the next frame";
+  EXPECT_NE(camsim_get_overlay_info(first, &info), 0) << "the old one goes once the new shows";
 
   g_hash_table_remove_all(stream_->text_contexts);
   EXPECT_EQ(camsim_live_count(), 0) << "the context owned its overlay";
@@ -101,13 +130,14 @@ TEST_F(ModifiableText, Scrolling) {
       {100.0f, 10, 0, 0.0f, 1.0f},                           // pixels: not moved, wrapped
   };
   const uint32_t id = frame();
+  modifiable_text_context* text = o_modifiable_text_context_get(stream_, 7);
   for (const auto& c : cases) {
     overlay_entry_data data = slot_.data;
     overlay_text& t = data.description.text;
     t.overlay.width = 1920;
     t.scroll_speed = c.speed;
     t.overlay.position = {c.x, 0.5f, 1.0f, 1.0f, c.coords};
-    EXPECT_EQ(o_update_scrolling_text(&data, text_, 1920, id), 1);
+    EXPECT_EQ(o_update_scrolling_text(&data, text, 1920, id), 1);
     EXPECT_NEAR(t.overlay.position.x, c.expected_x, 1e-6) << c.x;
     EXPECT_NEAR(t.overlay.position.visible_width, c.expected_visible, 1e-6) << c.x;
   }
@@ -115,14 +145,15 @@ TEST_F(ModifiableText, Scrolling) {
                           "libzantrel: Scrolling text only supports normalized destination "
                           "coords.\n"));
   overlay_entry_data still = slot_.data;
-  EXPECT_EQ(o_update_scrolling_text(&still, text_, 1920, id), 0);
+  EXPECT_EQ(o_update_scrolling_text(&still, text, 1920, id), 0);
 }
 
 TEST_F(ModifiableText, UnusedContextsAreDropped) {
   int32_t handles[OVERLAY_SET_PLACES] = {3, -6, -6, -6, -6, -6, -6, 7};
   EXPECT_EQ(o_remove_unused_modifiable_text_context(GINT_TO_POINTER(7), nullptr, handles), 0);
   EXPECT_EQ(o_remove_unused_modifiable_text_context(GINT_TO_POINTER(4), nullptr, handles), 1);
-  EXPECT_EQ(o_modifiable_text_context_get(stream_, 7), text_) << "found, not made again";
+  modifiable_text_context* text = o_modifiable_text_context_get(stream_, 7);
+  EXPECT_EQ(o_modifiable_text_context_get(stream_, 7), text) << "found, not made again";
 }
 
 }  // namespace

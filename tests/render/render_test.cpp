@@ -6,6 +6,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "render.h"
@@ -22,7 +24,7 @@ namespace {
 
 // Every glyph drawing creates one image surface; counting them tells whether
 // a rendering drew glyphs or only copied cached ones.
-int g_surfaces_created = 0;
+std::atomic<int> g_surfaces_created{0};
 
 }  // namespace
 
@@ -76,9 +78,7 @@ sized_buffer render(render_text_context* context, const char* text, int size,
 
 TEST(Render, ContextFormats) {
   for (overlay_format format : {3u, 7u, 9u}) {
-    Context context(render_text_init(format));
-    ASSERT_NE(context, nullptr);
-    EXPECT_EQ(context->last_width, -1);
+    EXPECT_EQ(Context(render_text_init(format))->last_width, -1);
   }
   for (overlay_format format : {4u, 8u}) {
     EXPECT_EQ(render_text_init(format), nullptr);
@@ -104,22 +104,17 @@ TEST(Render, SplitIntoLines) {
   EXPECT_EQ(count, -1);
 }
 
-TEST(Render, EmptyLineIsAllBackground) {
-  Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
-  Buffer b(render(context.get(), "", 16, OVERLAY_COLOR_RED));
-  ASSERT_NE(b.data, nullptr);
-  EXPECT_EQ(context->size, 11u);
-  uint32_t height = context->line_height + 4;
-  EXPECT_EQ(b.width, 16u);
-  EXPECT_EQ(b.rows, height + height % 2);
-  EXPECT_EQ(b.words(), std::vector<uint32_t>(b.stride * b.rows, 0x22222222));
-}
-
 // For every size a camera offers: geometry follows the font, the glyphs are
 // filled in the text colour with the outline outside them, and the rows below
 // the glyphs stay background.
 TEST(Render, GeometryAndPixelsAcrossSizes) {
   Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  // An empty line is all background, one 16-pixel group wide.
+  Buffer empty(render(context.get(), "", 16, OVERLAY_COLOR_RED));
+  EXPECT_EQ(context->size, 11u);
+  EXPECT_EQ(empty.width, 16u);
+  EXPECT_EQ(empty.rows, context->line_height + 4 + (context->line_height + 4) % 2);
+  EXPECT_EQ(empty.words(), std::vector<uint32_t>(empty.stride * empty.rows, 0x22222222));
   for (int size = 16; size <= 200; size += 8) {
     SCOPED_TRACE(size);
     context->last_width = -1;
@@ -192,8 +187,7 @@ TEST(Render, ChangingTextKeepsItsWidth) {
   Buffer much_shorter(render(context.get(), "12:", 40));
   EXPECT_EQ(much_shorter.width, much_shorter.content_width);
   EXPECT_LT(much_shorter.width, clock.width);
-  Buffer wider(render(context.get(), "12:34:56:78", 40));
-  EXPECT_GT(wider.width, clock.width);
+  EXPECT_GT(Buffer(render(context.get(), "12:34:56:78", 40)).width, clock.width);
 }
 
 TEST(Render, TextPeopleType) {
@@ -235,6 +229,61 @@ TEST(Render, LegacyBand) {
   EXPECT_EQ(narrow.width, 48u);
   EXPECT_EQ(narrow.rows, 40u);
   (void)kRed;
+}
+
+// Two threads draw different sizes at once from the process's first use of
+// the font on (run under ThreadSanitizer too); each draws what a context
+// draws alone, and every context uses the one face.
+TEST(Render, ContextsShareOneFaceAcrossThreads) {
+  ASSERT_FALSE(zantrel::render::shared_font_opened()) << "run this test in a process of its own";
+  const char* const texts[] = {"2026-11-22 12:34:56", "Gate 4\n东门", "12:34:57"};
+  const int sizes[2] = {24, 57};
+  std::vector<uint32_t> drawn[2];
+  FT_Face faces[2] = {};
+  auto draw_all = [&](int i) {
+    Context context(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+    for (const char* text : texts) {
+      Buffer b(render(context.get(), text, sizes[i]));
+      drawn[i] = b.words();
+    }
+    faces[i] = context->ft_face;
+  };
+  std::thread first(draw_all, 0);
+  std::thread second(draw_all, 1);
+  first.join();
+  second.join();
+  ASSERT_NE(faces[0], nullptr);
+  EXPECT_EQ(faces[0], faces[1]);
+  const std::vector<uint32_t> alone[2] = {drawn[0], drawn[1]};
+  for (int i = 0; i < 2; ++i) {
+    draw_all(i);
+    EXPECT_EQ(drawn[i], alone[i]) << sizes[i];
+  }
+  // The font file is mapped once, however many contexts drew.
+  for (int i = 0; i < 50; ++i) draw_all(i % 2);
+  std::ifstream maps("/proc/self/maps");
+  int mappings = 0;
+  for (std::string line; std::getline(maps, line);) mappings += line.ends_with(FONT_PATH) ? 1 : 0;
+  EXPECT_EQ(mappings, 1);
+}
+
+// A renderer handed on to other texts draws them exactly as a fresh one:
+// a kept glyph measured elsewhere in its first text is drawn again.
+TEST(Render, ReusedCacheDrawsAsAFreshContext) {
+  const char* const before = "Lobby camera - visitors please report at the front desk";
+  const char* const after = "Delivery expected at gate 2 - doors open at 12:30";
+  Context reused(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  Context fresh(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+  Buffer old_text(render(reused.get(), before, 18));
+  zantrel::render::reuse_glyph_cache(reused.get());
+  EXPECT_EQ(reused->last_width, -1);
+  g_surfaces_created = 0;
+  Buffer again(render(reused.get(), after, 18));
+  const int drawn_on_reuse = g_surfaces_created.load();
+  Buffer expected(render(fresh.get(), after, 18));
+  EXPECT_EQ(again.width, expected.width);
+  EXPECT_EQ(again.words(), expected.words());
+  EXPECT_LT(drawn_on_reuse, g_surfaces_created - drawn_on_reuse) << "kept glyphs serve";
 }
 
 TEST(Render, MissingFontStopsTheProcess) {

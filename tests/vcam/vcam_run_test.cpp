@@ -3,6 +3,8 @@
 // leaves nothing behind.
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "camsim.h"
 #include "options.h"
 #include "pictures.h"
@@ -18,50 +20,34 @@ using vcam_test::normalized_pixel;
 using vcam_test::Picture;
 
 constexpr vcam::StreamSize kFull{1920, 1080};
-constexpr vcam::StreamSize kMiddle{1280, 720};
-constexpr vcam::StreamSize kSmall{640, 360};
+constexpr vcam::StreamSize kSizes[] = {kFull, {1280, 720}, {640, 360}};
 constexpr int kSeconds = 3;
 
 // One run for every test of this file (ctest runs each test in a process of
 // its own, with its own /dev/shm, so each gets a fresh run).
 class VcamRun : public testing::Test {
  protected:
-  struct Result {
-    int exit_code = -1;
-    std::string out;
-    std::string err;
-    std::vector<std::string> tables_after;
-    int live_after = -1;
-  };
-
   static void SetUpTestSuite() {
     dir_ = new vcam_test::TempDir();
-    result_ = new Result();
     vcam_test::VcamProcess vcam({"--seconds", std::to_string(kSeconds), "--out", dir_->path()},
                                 dir_->path() + "/stdout.txt");
-    result_->exit_code = vcam.wait();
-    result_->err = vcam.stderr_text();
-    result_->out = vcam_test::read_text(dir_->path() + "/stdout.txt");
-    result_->tables_after = vcam_test::table_files();
-    result_->live_after = camsim_live_count();
-  }
-  static void TearDownTestSuite() {
-    delete result_;
-    delete dir_;
+    exit_code_ = vcam.wait();
+    err_ = vcam.stderr_text();
   }
 
-  static const Result& result() { return *result_; }
+  static void TearDownTestSuite() { delete dir_; }
 
   // The picture of stream at the capture of frame.
-  static Picture picture(size_t stream, vcam::StreamSize size, int frame) {
+  static Picture picture(size_t stream, int frame) {
     const vcam::Capture capture{frame, vcam::time_label(frame)};
-    Picture picture(dir_->path() + "/" + vcam::picture_name(stream, size, capture));
+    Picture picture(dir_->path() + "/" + vcam::picture_name(stream, kSizes[stream], capture));
     EXPECT_TRUE(picture.ok()) << "no picture of stream " << stream << " at frame " << frame;
     return picture;
   }
 
   static inline vcam_test::TempDir* dir_ = nullptr;
-  static inline Result* result_ = nullptr;
+  static inline int exit_code_ = -1;
+  static inline std::string err_;
 };
 
 const vcam::Timeline kTimeline = vcam::make_timeline(kSeconds);
@@ -71,30 +57,23 @@ constexpr int kEarly = 15;
 constexpr int kLater = 45;
 constexpr int kLast = kSeconds * vcam::kFramesPerSecond - 1;
 
-TEST_F(VcamRun, EndsCleanlyWithItsSummary) {
-  ASSERT_EQ(result().exit_code, 0) << result().err;
-  EXPECT_NE(result().out.find("frames:          90 per stream"), std::string::npos) << result().out;
-  EXPECT_NE(result().out.find("alive at end:    0 hardware overlays, 0 shared tables"),
-            std::string::npos)
-      << result().out;
-  EXPECT_TRUE(result().tables_after.empty());
-  EXPECT_EQ(result().live_after, 0);
-}
+TEST_F(VcamRun, EndsCleanlyWithEveryCapture) {
+  ASSERT_EQ(exit_code_, 0) << err_;
+  const std::string out = vcam_test::read_text(dir_->path() + "/stdout.txt");
+  EXPECT_NE(out.find("frames:          90 per stream"), std::string::npos) << out;
+  EXPECT_NE(out.find("alive at end:    0 hardware overlays, 0 shared tables"), std::string::npos);
+  EXPECT_TRUE(vcam_test::table_files().empty());
+  EXPECT_EQ(camsim_live_count(), 0);
 
-TEST_F(VcamRun, WritesEveryCaptureAndTheContactSheet) {
   ASSERT_EQ(kTimeline.change_frame, kLater);
   std::vector<int> frames;
-  for (const auto& capture : kTimeline.captures) {
-    frames.push_back(capture.frame);
-  }
+  for (const auto& capture : kTimeline.captures) frames.push_back(capture.frame);
   ASSERT_EQ(frames, (std::vector<int>{kEarly, kLater, kLast}));
-  const vcam::StreamSize sizes[] = {kFull, kMiddle, kSmall};
   for (size_t stream = 0; stream < 3; ++stream) {
     for (int frame : frames) {
-      const Picture shot = picture(stream, sizes[stream], frame);
-      ASSERT_TRUE(shot.ok());
-      EXPECT_EQ(shot.width(), static_cast<int>(sizes[stream].width));
-      EXPECT_EQ(shot.height(), static_cast<int>(sizes[stream].height));
+      const Picture shot = picture(stream, frame);
+      EXPECT_EQ(shot.width(), static_cast<int>(kSizes[stream].width));
+      EXPECT_EQ(shot.height(), static_cast<int>(kSizes[stream].height));
     }
   }
   const Picture sheet(dir_->path() + "/" + vcam::kContactSheetName);
@@ -103,65 +82,94 @@ TEST_F(VcamRun, WritesEveryCaptureAndTheContactSheet) {
   EXPECT_GT(sheet.height(), 3 * 150);
 }
 
-TEST_F(VcamRun, PlainOverlayShowsItsColourThenMovesWithTheNewOne) {
-  const Picture before = picture(0, kFull, kEarly);
-  const Picture after = picture(0, kFull, kLater);
-  const int x = static_cast<int>(L::kPlainX);
-  const int y = static_cast<int>(L::kPlainY);
-  const int moved_x = static_cast<int>(L::kPlainMovedX);
-  const int moved_y = static_cast<int>(L::kPlainMovedY);
-  const int cx = static_cast<int>(L::kPlainWidth / 2);
-  const int cy = static_cast<int>(L::kPlainHeight / 2);
-
-  EXPECT_EQ(before.at(x + cx, y + cy), L::kPlainColor);
-  EXPECT_EQ(before.at(x + 1, y + 1), L::kPlainBorderColor);
-  EXPECT_EQ(before.drawn_in(moved_x, moved_y, L::kPlainWidth, L::kPlainHeight), 0);
-
-  EXPECT_EQ(after.at(moved_x + cx, moved_y + cy), L::kPlainColorAfter);
-  EXPECT_EQ(after.at(moved_x + 1, moved_y + 1), L::kPlainBorderColor);
-  EXPECT_EQ(after.drawn_in(x, y, L::kPlainWidth, L::kPlainHeight), 0);
-
-  // It joined stream 0 only.
-  const Picture other = picture(1, kMiddle, kEarly);
-  EXPECT_EQ(other.drawn_in(x * 2 / 3, y * 2 / 3, L::kPlainWidth, L::kPlainHeight), 0);
+// Where the layout puts each part of the scene, before and after the change:
+// how many pixels of a rectangle are drawn, and the colours of single pixels.
+TEST_F(VcamRun, SceneStandsWhereTheLayoutSays) {
+  const auto px = [](float value) { return static_cast<int>(value); };
+  const auto at = [](float fraction, size_t stream, bool across) {
+    return normalized_pixel(fraction, across ? kSizes[stream].width : kSizes[stream].height);
+  };
+  const int plain_w = L::kPlainWidth, plain_h = L::kPlainHeight, cell = L::kSwatchCellWidth;
+  const int logo_x = at(L::kLogoX, 0, true), logo_y = at(L::kLogoY, 0, false);
+  const int rec_x = at(L::kRecX, 2, true), rec_y = at(L::kRecY, 2, false);
+  const int swatch_x = at(L::kSwatchX, 1, true) + cell / 2;
+  const int swatch_y = at(L::kSwatchY, 1, false) + static_cast<int>(L::kSwatchHeight) / 2;
+  constexpr int kAny = 1 << 30;
+  const struct {
+    const char* what;
+    size_t stream;
+    int frame, x, y, w, h, least, most;  // drawn pixels in the rectangle
+  } regions[] = {
+      {"plain not yet moved", 0, kEarly, px(L::kPlainMovedX), px(L::kPlainMovedY), plain_w, plain_h,
+       0, 0},
+      {"plain moved away", 0, kLater, px(L::kPlainX), px(L::kPlainY), plain_w, plain_h, 0, 0},
+      {"plain on stream 0 only", 1, kEarly, px(L::kPlainX) * 2 / 3, px(L::kPlainY) * 2 / 3, plain_w,
+       plain_h, 0, 0},
+      // The logo is 128 x 48 with rounded corners; its inside is all drawn.
+      {"logo", 0, kEarly, logo_x + 12, logo_y + 12, 104, 24, 104 * 24, 104 * 24},
+      {"right of the logo", 0, kEarly, logo_x + 160, logo_y, 64, 48, 0, 0},
+      {"ticker", 0, kEarly, 0, at(L::kTickerY, 0, false), 400, 24, 401, kAny},
+      // Above the legacy band, which lies along the bottom edge.
+      {"badge", 2, kEarly, rec_x, rec_y, 640 - rec_x, 360 - rec_y - 32, 21, kAny},
+      {"badge destroyed", 2, kLater, rec_x, rec_y, 640 - rec_x, 360 - rec_y - 32, 0, 0},
+      {"band along the bottom", 2, kLater, 0, 360 - 24, 640, 24, 640 * 12 + 1, kAny},
+      {"above the band", 2, kLater, 0, 360 - 60, 640, 30, 0, 0},
+  };
+  for (const auto& r : regions) {
+    const int drawn = picture(r.stream, r.frame).drawn_in(r.x, r.y, r.w, r.h);
+    EXPECT_TRUE(drawn >= r.least && drawn <= r.most) << r.what << ": " << drawn;
+  }
+  const int changed_x = swatch_x + static_cast<int>(L::kChangedIndex) * cell;
+  const struct {
+    const char* what;
+    size_t stream;
+    int frame, x, y;
+    uint32_t color;  // 0: the test picture, nothing drawn
+    int tolerance;
+  } pixels[] = {
+      {"plain", 0, kEarly, px(L::kPlainX) + plain_w / 2, px(L::kPlainY) + plain_h / 2,
+       L::kPlainColor, 0},
+      {"plain border", 0, kEarly, px(L::kPlainX) + 1, px(L::kPlainY) + 1, L::kPlainBorderColor, 0},
+      {"plain repainted", 0, kLater, px(L::kPlainMovedX) + plain_w / 2,
+       px(L::kPlainMovedY) + plain_h / 2, L::kPlainColorAfter, 0},
+      {"moved border", 0, kLater, px(L::kPlainMovedX) + 1, px(L::kPlainMovedY) + 1,
+       L::kPlainBorderColor, 0},
+      // The default user bank leaves the index transparent; index 2 is red.
+      {"swatch before", 1, kEarly, changed_x, swatch_y, 0, 0},
+      {"swatch after", 1, kLater, changed_x, swatch_y, L::kChangedColor, 12},
+      {"red swatch", 1, kEarly, swatch_x + 2 * cell, swatch_y, 0xFFFF0000, 12},
+      {"red swatch after", 1, kLater, swatch_x + 2 * cell, swatch_y, 0xFFFF0000, 12},
+  };
+  for (const auto& p : pixels) {
+    const Picture shot = picture(p.stream, p.frame);
+    EXPECT_TRUE(p.color == 0 ? shot.background_at(p.x, p.y)
+                             : vcam_test::near_color(shot.at(p.x, p.y), p.color, p.tolerance))
+        << p.what << ": " << std::hex << shot.at(p.x, p.y);
+  }
 }
 
-TEST_F(VcamRun, ClockShowsTheSimulatedTimeOnEveryStream) {
-  const vcam::StreamSize sizes[] = {kFull, kMiddle, kSmall};
+TEST_F(VcamRun, ClockTicksAndTickerMoves) {
   for (size_t stream = 0; stream < 3; ++stream) {
-    const vcam::StreamSize size = sizes[stream];
+    const vcam::StreamSize size = kSizes[stream];
     const int x = normalized_pixel(L::kClockX, size.width);
     const int y = normalized_pixel(L::kClockY, size.height);
     // The clock at 40 pixels on 1080 rows, scaled with the stream.
     const int w = static_cast<int>(size.width) / 4;
     const int h = static_cast<int>(size.height) / 24;
-    const Picture first = picture(stream, size, kEarly);
-    const Picture second = picture(stream, size, kLater);
+    const Picture first = picture(stream, kEarly);
+    const Picture second = picture(stream, kLater);
     EXPECT_GT(first.drawn_in(x, y, w, h), w * h / 10) << "stream " << stream;
     EXPECT_FALSE(first.same_in(second, x, y, w, h))
         << "stream " << stream << ": the clock did not move on in a second";
   }
-}
-
-TEST_F(VcamRun, LogoAndTickerStandWhereTheLayoutSays) {
-  const Picture first = picture(0, kFull, kEarly);
-  const int logo_x = normalized_pixel(L::kLogoX, kFull.width);
-  const int logo_y = normalized_pixel(L::kLogoY, kFull.height);
-  // The logo is 128 x 48 with rounded corners; its inside is all drawn.
-  EXPECT_EQ(first.drawn_in(logo_x + 12, logo_y + 12, 104, 24), 104 * 24);
-  EXPECT_EQ(first.drawn_in(logo_x + 160, logo_y, 64, 48), 0);
-
-  // The ticker runs under the clock; by the next capture it has moved on.
   const int ticker_y = normalized_pixel(L::kTickerY, kFull.height);
-  const Picture last = picture(0, kFull, kLast);
-  EXPECT_GT(first.drawn_in(0, ticker_y, 400, 24), 400);
-  EXPECT_FALSE(first.same_in(last, 0, ticker_y, static_cast<int>(kFull.width), 24));
+  EXPECT_FALSE(picture(0, kEarly).same_in(picture(0, kLast), 0, ticker_y, 1920, 24));
 }
 
 TEST_F(VcamRun, ScalableImageIsScaledForEachStream) {
-  const vcam::StreamSize sizes[] = {kFull, kSmall};
-  for (const vcam::StreamSize size : sizes) {
-    const Picture shot = picture(size.width == kFull.width ? 0 : 2, size, kEarly);
+  for (const size_t stream : {0u, 2u}) {
+    const vcam::StreamSize size = kSizes[stream];
+    const Picture shot = picture(stream, kEarly);
     const int x = normalized_pixel(L::kBitmapX, size.width);
     const int y = normalized_pixel(L::kBitmapY, size.height);
     const uint32_t scaled_w = L::kBitmapWidth * size.height / 1080;
@@ -172,49 +180,11 @@ TEST_F(VcamRun, ScalableImageIsScaledForEachStream) {
       const uint32_t by = scaled_h / 3;
       const uint32_t want = vcam::test_bitmap_color(
           bx * 1080 / size.height, by * 1080 / size.height, L::kBitmapWidth, L::kBitmapHeight);
-      EXPECT_TRUE(vcam_test::near_color(shot.at(x + static_cast<int>(bx), y + static_cast<int>(by)),
-                                        want, 24))
-          << size.height << " rows, bar " << bar << ": " << std::hex
-          << shot.at(x + static_cast<int>(bx), y + static_cast<int>(by)) << " for " << want;
+      const uint32_t got = shot.at(x + static_cast<int>(bx), y + static_cast<int>(by));
+      EXPECT_TRUE(vcam_test::near_color(got, want, 24))
+          << size.height << " rows, bar " << bar << ": " << std::hex << got << " for " << want;
     }
   }
-}
-
-TEST_F(VcamRun, PaletteChangeShowsOnTheSwatches) {
-  const Picture before = picture(L::kSwatchStream, kMiddle, kEarly);
-  const Picture after = picture(L::kSwatchStream, kMiddle, kLater);
-  const int x = normalized_pixel(L::kSwatchX, kMiddle.width);
-  const int y = normalized_pixel(L::kSwatchY, kMiddle.height);
-  const int cell = static_cast<int>(L::kSwatchCellWidth);
-  const int changed_x = x + static_cast<int>(L::kChangedIndex) * cell + cell / 2;
-  const int mid_y = y + static_cast<int>(L::kSwatchHeight) / 2;
-  // The default user bank leaves the index transparent.
-  EXPECT_TRUE(before.background_at(changed_x, mid_y));
-  EXPECT_TRUE(vcam_test::near_color(after.at(changed_x, mid_y), L::kChangedColor, 12))
-      << std::hex << after.at(changed_x, mid_y);
-  // Index 2 is the default red, before and after.
-  EXPECT_TRUE(vcam_test::near_color(before.at(x + 2 * cell + cell / 2, mid_y), 0xFFFF0000, 12));
-  EXPECT_TRUE(vcam_test::near_color(after.at(x + 2 * cell + cell / 2, mid_y), 0xFFFF0000, 12));
-}
-
-TEST_F(VcamRun, DestroyedBadgeIsGoneAfterTheChange) {
-  const Picture before = picture(L::kRecStream, kSmall, kEarly);
-  const Picture after = picture(L::kRecStream, kSmall, kLater);
-  const int x = normalized_pixel(L::kRecX, kSmall.width);
-  const int y = normalized_pixel(L::kRecY, kSmall.height);
-  const int w = static_cast<int>(kSmall.width) - x;
-  // Above the legacy band, which lies along the bottom edge.
-  const int h = static_cast<int>(kSmall.height) - y - 32;
-  EXPECT_GT(before.drawn_in(x, y, w, h), 20);
-  EXPECT_EQ(after.drawn_in(x, y, w, h), 0);
-}
-
-// The legacy band is drawn for the stream's width and sits on its bottom edge.
-TEST_F(VcamRun, LegacyBandLiesAlongTheBottomEdge) {
-  const Picture p = picture(L::kRecStream, kSmall, kLater);
-  const int width = static_cast<int>(kSmall.width);
-  EXPECT_GT(p.drawn_in(0, static_cast<int>(kSmall.height) - 24, width, 24), width * 12);
-  EXPECT_EQ(p.drawn_in(0, static_cast<int>(kSmall.height) - 60, width, 30), 0);
 }
 
 // The clock runs on simulated time and the scene changes at a fixed frame,
@@ -240,16 +210,44 @@ TEST(VcamRepeat, TwoRunsDrawTheSamePictures) {
   EXPECT_EQ(compared, 5);
 }
 
-TEST(VcamTimeline, CapturesAreOrderedDistinctAndInsideTheRun) {
-  for (int seconds : {1, 2, 3, 10}) {
-    const vcam::Timeline timeline = vcam::make_timeline(seconds);
-    EXPECT_EQ(timeline.frames, seconds * vcam::kFramesPerSecond);
-    EXPECT_EQ(timeline.captures.back().frame, timeline.frames - 1);
-    for (size_t i = 1; i < timeline.captures.size(); ++i) {
-      EXPECT_LT(timeline.captures[i - 1].frame, timeline.captures[i].frame);
-    }
+// A short soak: the scene changes every 4 seconds, and from its first return
+// to the last the processes and the driver stay as they were.
+TEST(VcamSoak, ProcessesStayFlat) {
+  vcam_test::TempDir dir;
+  vcam_test::VcamProcess vcam(
+      {"--soak", "--seconds", "40", "--streams", "1280x720,640x360", "--out", dir.path()},
+      dir.path() + "/stdout.txt");
+  ASSERT_EQ(vcam.wait(), 0) << vcam.stderr_text();
+  const std::string out = vcam_test::read_text(dir.path() + "/stdout.txt");
+  EXPECT_NE(out.find("gatherings:      1280x720: 9, 640x360: 9"), std::string::npos) << out;
+  const std::regex figures(R"((VmSize \d+ kB, VmRSS \d+ kB, \d+ fds) -> (.*))");
+  int processes = 0;
+  for (std::sregex_iterator m(out.begin(), out.end(), figures), end; m != end; ++m, ++processes) {
+    long start[3], last[3];
+    std::sscanf((*m)[1].str().c_str(), "VmSize %ld kB, VmRSS %ld kB, %ld", &start[0], &start[1],
+                &start[2]);
+    std::sscanf((*m)[2].str().c_str(), "VmSize %ld kB, VmRSS %ld kB, %ld", &last[0], &last[1],
+                &last[2]);
+    EXPECT_EQ(last[2], start[2]) << (*m)[0];
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // The sanitizers' allocators keep freed memory for a while.
+    EXPECT_LE(last[0] - start[0], 512) << (*m)[0];
+    EXPECT_LE(last[1] - start[1], 512) << (*m)[0];
+#endif
   }
-  EXPECT_EQ(vcam::make_timeline(10).captures.size(), 4u);
+  EXPECT_EQ(processes, 3) << out;
+  std::smatch live;
+  ASSERT_TRUE(std::regex_search(out, live, std::regex(R"(live overlays: +(\d+) -> (\d+))")));
+  EXPECT_EQ(live[1], live[2]);
+}
+
+// The captures of the runs above are checked there; here the soak's changes
+// and the names of the frames.
+TEST(VcamTimeline, SoakEndsWithTheSceneItBeganWith) {
+  const vcam::Timeline soak = vcam::make_timeline(40, true);
+  EXPECT_EQ(soak.changes, (std::vector<int>{120, 240, 360, 480, 600, 720, 840, 960}));
+  EXPECT_EQ(soak.baseline_frame, 240);
+  EXPECT_EQ(vcam::make_timeline(40).changes, std::vector<int>{600});
   EXPECT_EQ(vcam::time_label(299), "09.967s");
   const timeval last = vcam::frame_time(299);
   EXPECT_EQ(last.tv_sec, vcam::kStartTime + 9);

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -22,51 +23,41 @@
 
 namespace vcam_test {
 
-// A scratch directory of the test, removed with it.
+// A scratch directory in the test process's private /dev/shm, which goes
+// with the process.
 class TempDir {
  public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vcam-test.XXXXXX").string();
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    path_ = pattern;
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
   const std::string& path() const { return path_; }
 
  private:
-  std::string path_;
+  std::string path_ = [] {
+    std::string path = "/dev/shm/vcam-test.XXXXXX";
+    EXPECT_NE(mkdtemp(path.data()), nullptr);
+    return path;
+  }();
 };
 
 // zantrel-vcam started with args; stdout goes to a file, stderr to a pipe
 // that the test reads.
 class VcamProcess {
  public:
-  VcamProcess(const std::vector<std::string>& args, const std::string& stdout_path,
+  VcamProcess(std::vector<std::string> args, const std::string& stdout_path,
               const char* program = ZANTREL_VCAM) {
     int err[2];
     EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
-    std::vector<std::string> all{program};
-    all.insert(all.end(), args.begin(), args.end());
+    args.insert(args.begin(), program);
     pid_ = fork();
     if (pid_ == 0) {
-      const int out = open(stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      dup2(out, STDOUT_FILENO);
+      dup2(open(stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
       dup2(err[1], STDERR_FILENO);
       std::vector<char*> argv;
-      for (auto& arg : all) {
-        argv.push_back(arg.data());
-      }
+      for (auto& arg : args) argv.push_back(arg.data());
       argv.push_back(nullptr);
       execv(argv[0], argv.data());
       _exit(127);
     }
     close(err[1]);
-    err_ = err[0];
+    err_ = fdopen(err[0], "r");
   }
   VcamProcess(const VcamProcess&) = delete;
   VcamProcess& operator=(const VcamProcess&) = delete;
@@ -75,43 +66,27 @@ class VcamProcess {
       kill(pid_, SIGKILL);
       wait();
     }
-    close(err_);
+    std::fclose(err_);
   }
 
   pid_t pid() const { return pid_; }
 
   // Reads stderr until a line contains text; false at end of file.
   bool wait_for_line(const std::string& text) {
-    while (true) {
-      const size_t newline = pending_.find('\n');
-      if (newline != std::string::npos) {
-        const std::string line = pending_.substr(0, newline);
-        stderr_ += line + "\n";
-        pending_.erase(0, newline + 1);
-        if (line.find(text) != std::string::npos) {
-          return true;
-        }
-        continue;
-      }
-      char buffer[4096];
-      const ssize_t n = read(err_, buffer, sizeof buffer);
-      if (n <= 0) {
-        return false;
-      }
-      pending_.append(buffer, static_cast<size_t>(n));
+    char line[4096];
+    while (std::fgets(line, sizeof line, err_) != nullptr) {
+      stderr_ += line;
+      if (std::strstr(line, text.c_str()) != nullptr) return true;
     }
+    return false;
   }
 
   // The exit status (128 + signal when killed); reads the rest of stderr.
   int wait() {
     wait_for_line("\x01never");
-    stderr_ += pending_;
-    pending_.clear();
     int status = 0;
     while (waitpid(pid_, &status, 0) < 0) {
-      if (errno != EINTR) {
-        return -1;
-      }
+      if (errno != EINTR) return -1;
     }
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return status_;
@@ -121,9 +96,8 @@ class VcamProcess {
 
  private:
   pid_t pid_ = -1;
-  int err_ = -1;
+  std::FILE* err_ = nullptr;
   int status_ = -1;
-  std::string pending_;
   std::string stderr_;
 };
 

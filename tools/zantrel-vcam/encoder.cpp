@@ -148,18 +148,26 @@ class Encoder {
     }
     Progress progress(config_.timeline.frames);
     auto capture = config_.timeline.captures.begin();
+    auto change = config_.timeline.changes.begin();
     for (int frame = 0; frame < config_.timeline.frames; ++frame) {
       if (signals::stop_requested()) {
         return stopped();
       }
-      if (frame == config_.timeline.change_frame) {
+      if (change != config_.timeline.changes.end() && *change == frame) {
         const int result = ask_for_change();
         if (result != 0) {
           return result;
         }
+        ++change;
       }
       if (!encode_frame(frame)) {
         return 1;
+      }
+      if (frame == config_.timeline.baseline_frame) {
+        report_.start = take_figures(frame);
+      }
+      if (frame + 1 == config_.timeline.frames) {
+        report_.end = take_figures(frame);
       }
       if (capture != config_.timeline.captures.end() && capture->frame == frame) {
         if (!write_pictures(*capture)) {
@@ -221,6 +229,8 @@ class Encoder {
       if (stream.context->version != version) {
         report_.gatherings[i] += static_cast<uint32_t>(stream.context->version - version);
       } else {
+        report_.quiet_calls++;
+        report_.quiet_total_ns += static_cast<uint64_t>(ns);
         for (int position = 0; position < 8; ++position) {
           report_.text_id_changes +=
               previous.overlay_ids[position] != stream.request.overlay_ids[position] ? 1 : 0;
@@ -246,6 +256,17 @@ class Encoder {
       report_.pictures++;
     }
     return true;
+  }
+
+  // The application waits for the encoder's next word, so it is still.
+  RunFigures take_figures(int frame) const {
+    RunFigures figures;
+    figures.frame = frame;
+    figures.live_overlays = camsim_live_count();
+    figures.processes[kOwnerProcess] = read_process_figures(config_.owner_pid);
+    figures.processes[kApplicationProcess] = read_process_figures(config_.application_pid);
+    figures.processes[kEncoderProcess] = read_process_figures(getpid());
+    return figures;
   }
 
   uint64_t total_gatherings() const {

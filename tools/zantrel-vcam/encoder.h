@@ -14,11 +14,15 @@ struct EncoderConfig {
   std::vector<StreamSize> streams;  // all on channel 0, stream numbers 0, 1, ...
   Timeline timeline;
   std::string out_dir;
+  // The other processes, whose sizes the report gives with the encoder's.
+  int owner_pid = 0;
+  int application_pid = 0;
 };
 
 // overlay_attach(0), a context per stream, waits for the application's
-// scene, then runs the timeline: asks the application for its change just
-// before timeline.change_frame, writes the captured pictures, and sends an
+// scene, then runs the timeline: asks the application for a change just
+// before each of timeline.changes, writes the captured pictures, takes the
+// processes' figures after the baseline and the last frame, and sends an
 // EncoderReport on report_fd at the end (also when stopped). Closing the
 // link tells the application that the video is over. 0, 1 after a failure,
 // 3 when stopped.

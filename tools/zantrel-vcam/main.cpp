@@ -157,6 +157,7 @@ class Child {
   }
   int exit_code() const { return exit_code_; }
   const char* name() const { return name_; }
+  pid_t pid() const { return pid_; }
 
  private:
   void finish(int status) {
@@ -219,7 +220,7 @@ int supervise(const Options& options) {
     return kExitFailure;
   }
   const TempDir work;
-  const Timeline timeline = make_timeline(options.seconds);
+  const Timeline timeline = make_timeline(options.seconds, options.soak);
 
   FdPair owner_ready = make_pipe();
   FdPair owner_quit = make_pipe();
@@ -253,11 +254,12 @@ int supervise(const Options& options) {
     const std::vector<int> supervisor_fds{owner_ready.read.get(), owner_quit_write.get(),
                                           report_pipe.read.get()};
     SceneConfig scene{options.streams, work.path(), find_logo(), find_ovlconv()};
-    EncoderConfig encoder_config{options.streams, timeline, options.out_dir};
     std::vector<int> app_closes = supervisor_fds;
     app_closes.insert(app_closes.end(), {link.write.get(), report_pipe.write.get()});
     Child app(
         "application", [&] { return run_application(scene, link.read.get()); }, app_closes);
+    const EncoderConfig encoder_config{options.streams, timeline, options.out_dir, owner.pid(),
+                                       app.pid()};
     std::vector<int> encoder_closes = supervisor_fds;
     encoder_closes.push_back(link.read.get());
     Child encoder(

@@ -50,12 +50,15 @@ std::vector<StreamSize> parse_streams(const std::string& text) {
 }
 
 std::string usage_text() {
-  return "usage: zantrel-vcam [--seconds N] [--streams WxH[,WxH...]] [--out DIR]\n"
+  return "usage: zantrel-vcam [--soak] [--seconds N] [--streams WxH[,WxH...]] [--out DIR]\n"
          "  Runs the camera's overlay system on the simulated driver: an owner, an\n"
          "  application that builds a scene, and an encoder with one context per stream.\n"
          "  --seconds N   simulated seconds of video at 30 frames a second (default 10)\n"
          "  --streams     stream sizes on channel 0 (default 1920x1080,1280x720,640x360)\n"
-         "  --out DIR     where the pictures go (default ./out)\n";
+         "  --out DIR     where the pictures go (default ./out)\n"
+         "  --soak        a long run (default an hour, up to a week) with the scene\n"
+         "                changing every 4 seconds; prints the processes' sizes,\n"
+         "                descriptors and live hardware overlays at its start and end\n";
 }
 
 std::string to_string(StreamSize size) {
@@ -64,10 +67,15 @@ std::string to_string(StreamSize size) {
 
 Options parse_options(int argc, char** argv) {
   Options options;
+  long seconds = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "-h" || arg == "--help") {
       options.help = true;
+      continue;
+    }
+    if (arg == "--soak") {
+      options.soak = true;
       continue;
     }
     // Both "--name value" and "--name=value".
@@ -89,11 +97,10 @@ Options parse_options(int argc, char** argv) {
       value = argv[++i];
     }
     if (name == "--seconds") {
-      long seconds = 0;
-      if (!parse_number(value, 1, kMaxSeconds, seconds)) {
-        throw UsageError("--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds));
+      if (!parse_number(value, 1, kMaxSoakSeconds, seconds)) {
+        throw UsageError("--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds) +
+                         " (" + std::to_string(kMaxSoakSeconds) + " with --soak)");
       }
-      options.seconds = static_cast<int>(seconds);
     } else if (name == "--streams") {
       options.streams = parse_streams(value);
     } else {
@@ -102,6 +109,15 @@ Options parse_options(int argc, char** argv) {
       }
       options.out_dir = value;
     }
+  }
+  if (seconds > (options.soak ? kMaxSoakSeconds : kMaxSeconds)) {
+    throw UsageError("--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds) +
+                     " (" + std::to_string(kMaxSoakSeconds) + " with --soak)");
+  }
+  if (seconds > 0) {
+    options.seconds = static_cast<int>(seconds);
+  } else if (options.soak) {
+    options.seconds = kSoakSeconds;
   }
   return options;
 }

@@ -18,6 +18,9 @@ struct Options {
   std::vector<StreamSize> streams{{1920, 1080}, {1280, 720}, {640, 360}};
   std::string out_dir = "out";
   bool help = false;
+  // A long run that shows the processes stay flat: an hour unless --seconds
+  // says otherwise, with scene changes every few seconds.
+  bool soak = false;
 };
 
 // What a person typed wrong; main prints it with the usage and exits with 2.
@@ -29,6 +32,8 @@ class UsageError : public std::runtime_error {
 // The encoder keeps one stream context per stream; the camera has no more.
 inline constexpr size_t kMaxStreams = 8;
 inline constexpr int kMaxSeconds = 3600;
+inline constexpr int kSoakSeconds = 3600;
+inline constexpr int kMaxSoakSeconds = 7 * 24 * 3600;
 
 Options parse_options(int argc, char** argv);
 // "WxH[,WxH...]" with every side even and at least 16 pixels.

@@ -290,17 +290,23 @@ class Scene {
     add_to_stream_if_present(swatch_handle, L::kSwatchStream, "swatches");
     stop_point();
 
-    const TextStyle rec_style{L::kRecFontSize, OVERLAY_COLOR_RED, OVERLAY_COLOR_TRANSPARENT,
-                              OVERLAY_COLOR_BLACK};
-    overlay_text rec = make_text(L::kRecText, L::kStreamOverlayPriority,
-                                 normalized(L::kRecX, L::kRecY), rec_style);
-    rec_handle_ = keep_text(check_handle("overlay_text_create(rec)", overlay_text_create(&rec)));
-    add_to_stream_if_present(rec_handle_, L::kRecStream, "rec");
+    add_rec();
   }
 
+  // The first change, and every other one after it, makes the changed
+  // scene; the others make the first scene again (soak runs).
+  void change() {
+    if (++changes_ % 2 == 1) {
+      change_scene();
+    } else {
+      restore_scene();
+    }
+  }
+
+ private:
   // New texts for the band and the ticker, the plain overlay painted again
   // and moved, a user palette colour, and the recording badge gone.
-  void change() {
+  void change_scene() {
     std::snprintf(band_.text, sizeof band_.text, "%s", L::kBandTextAfter);
     check("overlay_text_update(band)", overlay_text_update(band_handle_, &band_));
     std::snprintf(ticker_.text, sizeof ticker_.text, "%s", L::kTickerTextAfter);
@@ -318,7 +324,33 @@ class Scene {
     std::erase_if(owned_, [this](const Owned& owned) { return owned.handle == rec_handle_; });
   }
 
- private:
+  void restore_scene() {
+    std::snprintf(band_.text, sizeof band_.text, "%s", L::kBandText);
+    check("overlay_text_update(band)", overlay_text_update(band_handle_, &band_));
+    std::snprintf(ticker_.text, sizeof ticker_.text, "%s", L::kTickerText);
+    check("overlay_text_update(ticker)", overlay_text_update(ticker_handle_, &ticker_));
+
+    paint_plain(L::kPlainColor);
+    plain_.position = pixels(L::kPlainX, L::kPlainY);
+    check("overlay_update(plain)", overlay_update(plain_handle_, &plain_));
+
+    const uint32_t first = static_palette[L::kChangedIndex];
+    const overlay_palette_color color{
+        static_cast<uint8_t>(first >> 24), static_cast<uint8_t>(first >> 16),
+        static_cast<uint8_t>(first >> 8), static_cast<uint8_t>(first), 0};
+    check("overlay_palette_set_color", overlay_palette_set_color(&color, L::kChangedIndex));
+    add_rec();
+  }
+
+  void add_rec() {
+    const TextStyle rec_style{L::kRecFontSize, OVERLAY_COLOR_RED, OVERLAY_COLOR_TRANSPARENT,
+                              OVERLAY_COLOR_BLACK};
+    overlay_text rec = make_text(L::kRecText, L::kStreamOverlayPriority,
+                                 normalized(L::kRecX, L::kRecY), rec_style);
+    rec_handle_ = keep_text(check_handle("overlay_text_create(rec)", overlay_text_create(&rec)));
+    add_to_stream_if_present(rec_handle_, L::kRecStream, "rec");
+  }
+
   struct Owned {
     int handle;
     int (*destroy)(int);
@@ -355,6 +387,7 @@ class Scene {
   int band_handle_ = 0;
   int plain_handle_ = 0;
   int rec_handle_ = 0;
+  int changes_ = 0;
 };
 
 }  // namespace

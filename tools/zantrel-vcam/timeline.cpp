@@ -5,10 +5,19 @@
 
 namespace vcam {
 
-Timeline make_timeline(int seconds) {
+Timeline make_timeline(int seconds, bool soak) {
   Timeline timeline;
   timeline.frames = seconds * kFramesPerSecond;
   timeline.change_frame = timeline.frames / 2;
+  constexpr int kSoakStep = kSoakChangeSeconds * kFramesPerSecond;
+  const int soak_changes = (timeline.frames - 1) / kSoakStep / 2 * 2;
+  if (soak && soak_changes >= 2) {
+    for (int i = 1; i <= soak_changes; ++i) timeline.changes.push_back(i * kSoakStep);
+    timeline.change_frame = kSoakStep;
+    timeline.baseline_frame = 2 * kSoakStep;
+  } else {
+    timeline.changes.push_back(timeline.change_frame);
+  }
   // Two frames a second apart before the change (the clock must differ),
   // the first frame after it, and the last frame.
   std::vector<int> frames{kFramesPerSecond / 2, kFramesPerSecond * 3 / 2, timeline.change_frame,

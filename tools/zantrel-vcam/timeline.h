@@ -24,10 +24,21 @@ struct Timeline {
   int frames = 0;
   // The application changes its scene just before this frame is encoded.
   int change_frame = 0;
+  // Every frame before which the scene changes, rising; change_frame first.
+  // Odd-numbered changes (the first, the third...) make the changed scene,
+  // the others make the first scene again.
+  std::vector<int> changes;
+  // The frame after which the processes' sizes are first taken: the first
+  // frame, or in a soak run the first frame after the scene came back.
+  int baseline_frame = 0;
   std::vector<Capture> captures;  // by rising frame, no frame twice
 };
 
-Timeline make_timeline(int seconds);
+// A soak run changes the scene every kSoakChangeSeconds, an even number of
+// times, so that it ends with the scene it started with.
+inline constexpr int kSoakChangeSeconds = 4;
+
+Timeline make_timeline(int seconds, bool soak = false);
 // The wall-clock time that frame stands for.
 timeval frame_time(int frame);
 // "01.500s": seconds since the start, zero-padded so names sort by time.
