@@ -2,9 +2,6 @@
 // overlay description.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "camsim.h"
 #include "test_support.h"
 #include "zantrel.h"
@@ -23,10 +20,6 @@ inline overlay plain(uint32_t width, uint32_t height, int32_t priority = 0,
   ovl.format = format;
   ovl.position = {0, 0, 1, 1, 0};
   return ovl;
-}
-
-inline const overlay_table_entry* entry_of(overlay_table* table, int handle) {
-  return overlay_table_get_entry(table, handle);
 }
 
 }  // namespace api_test

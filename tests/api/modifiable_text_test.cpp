@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <tuple>
 
 #include "api_test_util.h"
 #include "test_support.h"
@@ -65,15 +66,12 @@ TEST_F(ModifiableText, DrawnAgainOnlyWhenItWouldLookDifferent) {
   for (const auto& c : cases) {
     g_hash_table_remove_all(stream_->text_contexts);
     t_.overlay.legacy = c.legacy;
-    t_.font_size = c.size;
-    t_.text_color = W;
-    t_.outline_color = t_.background_color = B;
+    std::tie(t_.font_size, t_.text_color, t_.outline_color, t_.background_color) =
+        std::tuple(c.size, W, B, B);
     ASSERT_GT(frame(), 0u) << c.name;
     const long submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
-    t_.font_size = c.new_size;
-    t_.text_color = c.text;
-    t_.outline_color = c.outline;
-    t_.background_color = c.background;
+    std::tie(t_.font_size, t_.text_color, t_.outline_color, t_.background_color) =
+        std::tuple(c.new_size, c.text, c.outline, c.background);
     EXPECT_GT(frame(), 0u);
     EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER) - submits, c.redrawn ? 1 : 0) << c.name;
   }

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -16,14 +17,12 @@
 
 namespace {
 
-std::string run_command(const std::string& command, int* status) {
+// zantrelctl with these arguments: what it printed, and its exit status.
+std::string zantrelctl(const std::string& arguments, int* status) {
   std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
+  FILE* pipe = popen((std::string(ZANTRELCTL) + " " + arguments).c_str(), "r");
   char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    output.append(buffer, n);
-  }
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
   *status = pclose(pipe);
   return output;
 }
@@ -31,51 +30,42 @@ std::string run_command(const std::string& command, int* status) {
 // An application: overlays made, filled, moved, put into and out of sets
 // and destroyed, many times. Returns the number of failed steps.
 int application(int seed) {
-  if (overlay_attach(0) <= 0) {
-    return 100;
-  }
+  if (overlay_attach(0) <= 0) return 100;
   int failures = 0;
   for (int round = 0; round < 40; ++round) {
     overlay ovl = api_test::plain(16, 16, (seed * 7 + round) % 5);
-    int handle = overlay_create(&ovl);
-    if (handle < 1) {
+    const int handle = overlay_create(&ovl);
+    int32_t offset = -1;
+    if (handle < 1 || overlay_get_buffer(handle, &offset) != 0) {
       ++failures;
       continue;
     }
-    int32_t offset = -1;
-    if (overlay_get_buffer(handle, &offset) == 0) {
-      void* pixels =
-          mmap(nullptr, ovl.buffer_size, PROT_READ | PROT_WRITE, MAP_SHARED, o_get_fd(), offset);
-      if (pixels != MAP_FAILED) {
-        std::memset(pixels, seed, ovl.buffer_size);
-        munmap(pixels, ovl.buffer_size);
-      }
-      failures += overlay_submit_buffer(handle, offset, 0) != 0 ? 1 : 0;
-    } else {
-      ++failures;
+    void* pixels =
+        mmap(nullptr, ovl.buffer_size, PROT_READ | PROT_WRITE, MAP_SHARED, o_get_fd(), offset);
+    if (pixels != MAP_FAILED) {
+      std::memset(pixels, seed, ovl.buffer_size);
+      munmap(pixels, ovl.buffer_size);
     }
     ovl.position.x = static_cast<float>(round);
-    failures += overlay_update(handle, &ovl) != 0 ? 1 : 0;
     // Each application has one overlay at a time, so no set ever fills.
-    failures += overlay_add_globally(handle) != 0 ? 1 : 0;
-    failures += overlay_add_to_channel(handle, static_cast<unsigned>(seed)) != 0 ? 1 : 0;
-    failures += overlay_add_to_stream(handle, 0, seed) != 0 ? 1 : 0;
+    std::vector<int> results = {overlay_submit_buffer(handle, offset, 0),
+                                overlay_update(handle, &ovl), overlay_add_globally(handle),
+                                overlay_add_to_channel(handle, static_cast<unsigned>(seed)),
+                                overlay_add_to_stream(handle, 0, seed)};
     if (round % 3 == 0) {
-      failures += overlay_remove_from_stream(handle, 0, seed) != 0 ? 1 : 0;
-      failures += overlay_remove_globally(handle) != 0 ? 1 : 0;
+      results.push_back(overlay_remove_from_stream(handle, 0, seed));
+      results.push_back(overlay_remove_globally(handle));
     }
-    failures += overlay_destroy(handle) != 0 ? 1 : 0;
+    results.push_back(overlay_destroy(handle));
+    failures += static_cast<int>(std::ranges::count_if(results, [](int r) { return r != 0; }));
   }
   return failures + (overlay_detach() != 0 ? 1 : 0);
 }
 
 TEST(CameraProcesses, OwnerApplicationsAndObserver) {
   ASSERT_EQ(camsim_reset(), 0);
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  int done[2];
-  ASSERT_EQ(pipe(done), 0);
-
+  int ready[2], done[2];
+  ASSERT_TRUE(pipe(ready) == 0 && pipe(done) == 0);
   pid_t owner = zantrel::test::spawn_child([&] {
     int fd = overlay_init(0);
     char byte = fd > 0 ? 'y' : 'n';
@@ -92,11 +82,8 @@ TEST(CameraProcesses, OwnerApplicationsAndObserver) {
   pid_t observer = zantrel::test::spawn_child([] {
     for (int i = 0; i < 10; ++i) {
       int status = 0;
-      std::string text = run_command(std::string(ZANTRELCTL) + " show --json", &status);
-      if (status != 0) {
-        return 1;
-      }
-      nlohmann::json state = nlohmann::json::parse(text, nullptr, false);
+      auto state = nlohmann::json::parse(zantrelctl("show --json", &status), nullptr, false);
+      if (status != 0) return 1;
       if (state.is_discarded() || !state.contains("entries") || state["palette"].size() != 16) {
         return 2;
       }
@@ -113,7 +100,7 @@ TEST(CameraProcesses, OwnerApplicationsAndObserver) {
   EXPECT_TRUE(api_test::table_files().empty());
   EXPECT_EQ(camsim_live_count(), 0);
   int status = 0;
-  run_command(std::string(ZANTRELCTL) + " show 2>/dev/null", &status);
+  zantrelctl("show 2>/dev/null", &status);
   EXPECT_EQ(WEXITSTATUS(status), 1) << "no table: exit status 1";
 }
 
@@ -130,8 +117,7 @@ TEST(CameraProcesses, ShowDescribesASmallScene) {
   ASSERT_EQ(overlay_palette_set_color(&color, 15), 0);
 
   int status = 0;
-  nlohmann::json state =
-      nlohmann::json::parse(run_command(std::string(ZANTRELCTL) + " show --json", &status));
+  const nlohmann::json state = nlohmann::json::parse(zantrelctl("show --json", &status));
   ASSERT_EQ(status, 0);
   EXPECT_EQ(state["version"], 4);
   ASSERT_EQ(state["entries"].size(), 1U);
@@ -148,7 +134,7 @@ TEST(CameraProcesses, ShowDescribesASmallScene) {
   EXPECT_EQ(state["streams"][0]["version"], 1);
   EXPECT_EQ(state["palette"][15]["argb"], "0xFF123456");
 
-  std::string text = run_command(std::string(ZANTRELCTL) + " show", &status);
+  std::string text = zantrelctl("show", &status);
   EXPECT_EQ(status, 0);
   EXPECT_NE(text.find("main table version 4"), std::string::npos) << text;
   EXPECT_NE(text.find("stream 3: version 1, 1"), std::string::npos) << text;

@@ -3,6 +3,7 @@
 // sees it.
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -12,41 +13,36 @@
 namespace zantrel::test {
 namespace {
 
-std::mutex& log_mutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
-std::vector<LogRecord>& log_records() {
-  static std::vector<LogRecord> records;
-  return records;
+struct Capture {
+  std::mutex mutex;
+  std::vector<LogRecord> records;
+};
+Capture& capture() {
+  static Capture capture;
+  return capture;
 }
 
 void record(int priority, const char* format, va_list args) {
   char buffer[1024];
   std::vsnprintf(buffer, sizeof buffer, format, args);
-  std::lock_guard lock(log_mutex());
-  log_records().push_back({priority & LOG_PRIMASK, buffer});
+  std::lock_guard lock(capture().mutex);
+  capture().records.push_back({priority & LOG_PRIMASK, buffer});
 }
 
 }  // namespace
 
 std::vector<LogRecord> captured_logs() {
-  std::lock_guard lock(log_mutex());
-  return log_records();
+  std::lock_guard lock(capture().mutex);
+  return capture().records;
 }
 
 void clear_captured_logs() {
-  std::lock_guard lock(log_mutex());
-  log_records().clear();
+  std::lock_guard lock(capture().mutex);
+  capture().records.clear();
 }
 
 bool logged_once(int priority, const std::string& message) {
-  int count = 0;
-  for (const auto& entry : captured_logs()) {
-    count += entry.priority == priority && entry.message == message ? 1 : 0;
-  }
-  return count == 1;
+  return std::ranges::count(captured_logs(), LogRecord{priority, message}) == 1;
 }
 
 }  // namespace zantrel::test

@@ -14,6 +14,7 @@ namespace zantrel::test {
 struct LogRecord {
   int priority;
   std::string message;
+  bool operator==(const LogRecord&) const = default;
 };
 
 // Every syslog call of this process since the last clear, in order.
@@ -47,5 +48,3 @@ std::string robust_mutex_limit();
       GTEST_SKIP() << why;                                                             \
     }                                                                                  \
   } while (0)
-
-namespace zantrel::test {}  // namespace zantrel::test
