@@ -125,9 +125,12 @@ TEST(Pixels, RerenderDecision) {
   EXPECT_EQ(utils_compare_overlay_text_color_and_size(&context, &text, 0.5f), 1);
   text.outline_color = OVERLAY_COLOR_RED;
   EXPECT_EQ(utils_compare_overlay_text_color_and_size(&context, &text, 1.0f), 1);
+  text.outline_color = OVERLAY_COLOR_BLACK;
+  text.background_color = OVERLAY_COLOR_RED;
+  EXPECT_EQ(utils_compare_overlay_text_color_and_size(&context, &text, 1.0f), 1);
   // Rendered for size 10 the renderers' callers raise it to 16 (size 11),
   // which the comparison does not do.
-  text.outline_color = OVERLAY_COLOR_BLACK;
+  text.background_color = OVERLAY_COLOR_BLACK;
   text.font_size = 10;
   context.size = 11;
   EXPECT_EQ(utils_compare_overlay_text_color_and_size(&context, &text, 1.0f), 1);
