@@ -1,5 +1,7 @@
 // Handle sets, destruction, which operations count as a change, stream
 // tables, and the gathering of what a stream shows.
+#include <sys/stat.h>
+
 #include <tuple>
 
 #include "table_test_util.h"
@@ -121,7 +123,12 @@ TEST_F(TableTest, VersionCountsOnlyChangesTheEncoderReads) {
 
 TEST_F(TableTest, StreamTablesAreMadeOnFirstUseAndForeignOnesRefused) {
   int a = make(1), b = make(2);
+  const mode_t mask = umask(022);  // open to every user, as the main table is
   ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, a, 2), 0);
+  umask(mask);
+  struct stat st {};
+  ASSERT_EQ(stat("/dev/shm/ovl_strm_2", &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
   overlay_stream_table* stream = overlay_table_map_stream(2);
   ASSERT_NE(stream, MAP_FAILED);
   EXPECT_EQ(stream->active, 1u);
