@@ -52,6 +52,17 @@ TEST_F(Lifecycle, InitWithOwnDescriptorMakesTableAndLoadsPalette) {
   EXPECT_TRUE(api_test::table_files().empty());
 }
 
+TEST_F(Lifecycle, DeviceIsNeverHeldAsDescriptorZero) {
+  // A daemon that closed its standard input.
+  EXPECT_EQ(zantrel::test::run_in_child([] {
+              close(0);
+              const int fd = overlay_init(0);
+              const bool bound = fd > 2 && o_get_fd() == fd && !fd_open(0);
+              return bound && overlay_deinit() == 0 && !fd_open(fd) ? 0 : 1;
+            }),
+            0);
+}
+
 TEST_F(Lifecycle, CallersDescriptorIsNeverClosed) {
   int own = open("/dev/cam0", O_RDWR);
   ASSERT_GT(own, 0);
