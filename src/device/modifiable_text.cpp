@@ -227,8 +227,8 @@ int o_update_scrolling_text(overlay_entry_data* data, const modifiable_text_cont
     // units of the width that visible_width is a fraction of, at most all.
     const double shown = std::min(data->width, t.overlay.width);
     const double room = (1.0 - x) * stream;
-    position.visible_width = static_cast<float>(shown > 0.0 ? std::clamp(room / shown, 0.0, 1.0)
-                                                            : 1.0);
+    position.visible_width =
+        static_cast<float>(shown > 0.0 ? std::clamp(room / shown, 0.0, 1.0) : 1.0);
   } else {
     position.x = 1.0f;
     position.visible_width = 0.0f;

@@ -374,6 +374,23 @@ TEST_F(OverlayOps, PaletteColourReachesDriverAndTable) {
   EXPECT_TRUE(captured_logs().empty());
 }
 
+// An encoder that makes a stream's context again hands the new one the old
+// one's request; the new context must compose it, not take it as its own.
+TEST_F(OverlayOps, NewStreamContextNeverTakesAnOlderRequestAsUpToDate) {
+  overlay ovl = api_test::plain(8, 8);
+  const int handle = overlay_create(&ovl);
+  ASSERT_EQ(overlay_add_globally(handle), 0);
+  overlay_encreq request{};
+  for (uint32_t shown : {kernel_id(handle), 0U}) {  // then destroyed
+    overlay_stream_context* stream =
+        overlay_stream_context_create(o_get_fd(), 0, 0, 0, 640, 360, 7);
+    EXPECT_EQ(overlay_setup_in_encreq(stream, &request, nullptr), 0);
+    EXPECT_EQ(request.overlay_ids[0], shown);
+    overlay_stream_context_destroy(stream);
+    overlay_destroy(handle);
+  }
+}
+
 TEST(ComparePosition, FieldByField) {
   overlay_position a{1, 2, 0.5F, 0.5F, 0};
   overlay_position b = a;
