@@ -15,9 +15,10 @@
  *
  * Driver choices worth knowing when writing tests:
  * - Ids run from 1 upwards, never 0, unique among live overlays, always
- *   below 2^31. At most CAMSIM_MAX_OVERLAYS overlays live at once; one more
- *   create fails with ENOMEM, as does a create whose buffers do not fit in
- *   the buffer arena (CAMSIM_ARENA_BYTES). Freed arena space is reused and
+ *   below 2^31. At most CAMSIM_MAX_OVERLAYS overlays live at once (fewer
+ *   after camsim_set_overlay_limit); one more create fails with ENOMEM, as
+ *   does a create whose buffers do not fit in the buffer arena
+ *   (CAMSIM_ARENA_BYTES). Freed arena space is reused and
  *   reads back as zeros.
  * - Create and modify refuse (EINVAL) a visible size larger than the overlay
  *   and normalized coordinates above 16384; create also refuses a palette
@@ -56,7 +57,8 @@ extern "C" {
 /* The shared-memory object that holds the driver state and its buffers. */
 #define CAMSIM_STATE_NAME "/camsim_state"
 
-#define CAMSIM_MAX_OVERLAYS 64
+/* Live overlays at once: the default limit and the most it can be. */
+#define CAMSIM_MAX_OVERLAYS 256
 #define CAMSIM_MAX_BUFFERS 4
 #define CAMSIM_SOURCE_SLOTS 8
 #define CAMSIM_NBR_CHANNELS 16
@@ -150,6 +152,11 @@ CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color* entries
 /* The maximum resolution that the stream configuration of a channel (0 to
  * 15) reports. */
 CAMSIM_API int camsim_set_resolution(unsigned int channel, uint32_t width, uint32_t height);
+
+/* Lowers the number of overlays that may live at once (1 to
+ * CAMSIM_MAX_OVERLAYS), for tests of exhaustion; overlays already live stay.
+ * A reset restores CAMSIM_MAX_OVERLAYS. */
+CAMSIM_API int camsim_set_overlay_limit(int limit);
 
 /* Whether "/dev/galcore" exists for access(). */
 CAMSIM_API int camsim_set_galcore(int present);

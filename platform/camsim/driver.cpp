@@ -50,12 +50,14 @@ int create_overlay(const Attachment& a, internal_overlay& r) {
   if (pages * r.nbr_buffers > kArenaPages) return -ENOMEM;
 
   OverlaySlot* slot = nullptr;
-  for (auto& o : s.overlays)
-    if (o.live == 0) {
+  std::uint32_t live = 0;
+  for (auto& o : s.overlays) {
+    if (o.live != 0)
+      ++live;
+    else if (slot == nullptr)
       slot = &o;
-      break;
-    }
-  if (slot == nullptr) return -ENOMEM;
+  }
+  if (slot == nullptr || live >= s.overlay_limit) return -ENOMEM;
 
   BufferSlot buffers[CAMSIM_MAX_BUFFERS] = {};
   for (std::uint32_t i = 0; i < r.nbr_buffers; ++i) {

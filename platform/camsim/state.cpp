@@ -147,6 +147,7 @@ void reset_locked(const Attachment& a) {
   }
   s.galcore = 1;
   s.next_id = 1;
+  s.overlay_limit = CAMSIM_MAX_OVERLAYS;
   s.seq = 0;
   std::memset(s.calls, 0, sizeof s.calls);
   s.refreshes = 0;
@@ -238,6 +239,8 @@ void repair_locked(const Attachment& a) {
     if (!keep) s.sources[i] = 0;
   }
   if (s.next_id == 0 || s.next_id > kMaxId) s.next_id = 1;
+  if (s.overlay_limit == 0 || s.overlay_limit > CAMSIM_MAX_OVERLAYS)
+    s.overlay_limit = CAMSIM_MAX_OVERLAYS;
   // Only a lock holder can be stopped by a stall, and the holder is gone.
   std::atomic_ref<std::uint32_t>(s.stalled).store(0);
 }

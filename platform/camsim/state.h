@@ -13,7 +13,7 @@
 namespace camsim {
 
 inline constexpr std::uint32_t kMagic = 0x4D495343u;  // "CSIM"
-inline constexpr std::uint32_t kLayoutVersion = 1;
+inline constexpr std::uint32_t kLayoutVersion = 2;
 inline constexpr std::size_t kPage = 4096;
 inline constexpr std::size_t kArenaPages = CAMSIM_ARENA_BYTES / kPage;
 inline constexpr std::uint32_t kMaxId = 0x7FFFFFFFu;  // ids stay positive as int32
@@ -49,6 +49,7 @@ struct SharedState {
   pthread_mutex_t lock;
 
   std::uint32_t next_id;
+  std::uint32_t overlay_limit;  // live overlays allowed, at most CAMSIM_MAX_OVERLAYS
   std::uint64_t seq;
   OverlaySlot overlays[CAMSIM_MAX_OVERLAYS];
   std::uint32_t sources[CAMSIM_SOURCE_SLOTS];  // overlay ids, 0 = free place

@@ -82,13 +82,19 @@ TEST(DriverCommands, RecordsAndErrors) {
                     << size_of(3, 3, 3) << size_of(4, 3, 3) << size_of(5, 3, 3) << size_of(6, 7, 5)
                     << size_of(6, 9, 2) << size_of(7, 2, 2) << size_of(8, 3, 3);
        }},
-      {"64 live overlays, ids non-zero and unique", L{CAMSIM_MAX_OVERLAYS, 0, -ENOMEM},
+      {"256 live overlays, ids non-zero and unique; a lower limit",
+       L{CAMSIM_MAX_OVERLAYS, 256, 0, -ENOMEM, -1, 0, 0, -ENOMEM},
        [] {
          u32 ids[CAMSIM_MAX_OVERLAYS] = {create(fd, record(2, 8, 8)), create(fd, record(2, 8, 8))};
          destroy(fd, ids[0]);
          while (camsim_live_count() < CAMSIM_MAX_OVERLAYS) create(fd, record(2, 8, 8));
          const std::set<u32> live(ids, ids + camsim_live_ids(ids, CAMSIM_MAX_OVERLAYS));
-         return L() << live.size() << live.count(0) << create_with(&O::x, 0u);
+         L r = L() << CAMSIM_MAX_OVERLAYS << live.size() << live.count(0) << create_with(&O::x, 0u)
+                   << camsim_set_overlay_limit(0);
+         for (u32 id : live)
+           if (id != made.id) destroy(fd, id);
+         return r << camsim_set_overlay_limit(2) << create_with(&O::x, 0u)
+                  << create_with(&O::x, 0u);
        }},
       {"modify takes position, visible size and coordinates only",
        L{0, 0, 0, -EINVAL, -EINVAL, 0, 1},
