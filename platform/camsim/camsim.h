@@ -20,10 +20,14 @@
  *   does a create whose buffers do not fit in the buffer arena
  *   (CAMSIM_ARENA_BYTES). Freed arena space is reused and
  *   reads back as zeros.
+ * - Every record's reserved bytes must be zero (EINVAL otherwise), and a
+ *   get overlay record must be zero apart from its id.
  * - Create and modify refuse (EINVAL) a visible size larger than the overlay
  *   and normalized coordinates above 16384; create also refuses a palette
- *   bank above 1. Modify takes the position, visible size and coordinate
- *   type of the record and ignores its other fields.
+ *   bank above 1, palette colours for any type but 6 (1 bit), and an odd
+ *   width or height for type 8 (luma/chroma/alpha). Modify takes the
+ *   position, visible size and coordinate type of the record and ignores its
+ *   other fields.
  * - Submit accepts any buffer of the overlay, handed out or not; the
  *   record's param is kept (camsim_overlay_info.last_param).
  * - Source list: adding an overlay already in the list succeeds without a

@@ -13,6 +13,8 @@ namespace camsim {
 namespace {
 
 constexpr std::uint32_t kNormalizedMax = 16384;
+constexpr std::int32_t kType1Bit = 6;
+constexpr std::int32_t kTypeYcbcrAlpha = 8;
 
 // Stops the calling client half way through a command, holding the lock,
 // when a test armed a stall for it. Only a kill ends it.
@@ -30,6 +32,21 @@ bool position_valid(const internal_overlay& r, std::uint32_t width, std::uint32_
   return true;
 }
 
+template <typename Word, std::size_t N>
+bool all_zero(const Word (&words)[N]) {
+  for (Word w : words)
+    if (w != 0) return false;
+  return true;
+}
+
+// Reserved words are zero, palette colours belong to 1-bit overlays only,
+// and the luma/chroma/alpha planes need even sizes (a chroma pair per 2 x 2).
+bool record_valid(const internal_overlay& r) {
+  if (!all_zero(r.reserved1) || r.reserved2 != 0) return false;
+  if (r.type != kType1Bit && !all_zero(r.palette_colors)) return false;
+  return r.type != kTypeYcbcrAlpha || (r.width % 2 == 0 && r.height % 2 == 0);
+}
+
 std::uint32_t new_id(SharedState& s) {
   for (;;) {
     std::uint32_t id = s.next_id;
@@ -42,7 +59,7 @@ std::uint32_t new_id(SharedState& s) {
 int create_overlay(const Attachment& a, internal_overlay& r) {
   SharedState& s = *a.state;
   if (r.type < 0 || r.type > 8 || r.width == 0 || r.height == 0 || r.nbr_buffers < 1 ||
-      r.nbr_buffers > CAMSIM_MAX_BUFFERS || r.palette_bank > 1 ||
+      r.nbr_buffers > CAMSIM_MAX_BUFFERS || r.palette_bank > 1 || !record_valid(r) ||
       !position_valid(r, r.width, r.height))
     return -EINVAL;
   const std::uint64_t bytes = buffer_bytes(r.type, r.width, r.height);
@@ -82,7 +99,9 @@ int create_overlay(const Attachment& a, internal_overlay& r) {
 
 int modify_overlay(SharedState& s, const internal_overlay& r) {
   OverlaySlot* o = find_overlay(s, r.id);
-  if (o == nullptr || !position_valid(r, o->rec.width, o->rec.height)) return -EINVAL;
+  if (o == nullptr || !all_zero(r.reserved1) || r.reserved2 != 0 ||
+      !position_valid(r, o->rec.width, o->rec.height))
+    return -EINVAL;
   o->rec.x = r.x;
   o->rec.y = r.y;
   o->rec.visible_width = r.visible_width;
@@ -108,7 +127,7 @@ int submit_buffer(SharedState& s, const cam_buffer_submit& b) {
 
 int get_buffer(SharedState& s, const cam_buffer_query& q) {
   OverlaySlot* o = find_overlay(s, q.id);
-  if (o == nullptr) return -EINVAL;
+  if (o == nullptr || !all_zero(q.reserved)) return -EINVAL;
   std::uint32_t pick = 0;
   if (o->rec.nbr_buffers > 1) {
     // The buffer handed out longest ago among those not on screen: a writer
@@ -139,7 +158,8 @@ int destroy_overlay(const Attachment& a, std::uint32_t id) {
 }
 
 int source_params(SharedState& s, const cam_source_params& p) {
-  if (p.operation != CAM_SOURCE_ADD && p.operation != CAM_SOURCE_REMOVE) return -EINVAL;
+  if ((p.operation != CAM_SOURCE_ADD && p.operation != CAM_SOURCE_REMOVE) || !all_zero(p.reserved))
+    return -EINVAL;
   if (find_overlay(s, p.id) == nullptr) return -EINVAL;
   std::uint32_t* place = nullptr;
   for (auto& src : s.sources)
@@ -159,7 +179,7 @@ int source_params(SharedState& s, const cam_source_params& p) {
 }
 
 int set_palette_color(SharedState& s, const cam_palette_color& c) {
-  if (c.index >= CAMSIM_PALETTE_ENTRIES || c.bank > 1) return -EINVAL;
+  if (c.index >= CAMSIM_PALETTE_ENTRIES || c.bank > 1 || !all_zero(c.reserved)) return -EINVAL;
   s.palette[c.bank][c.index] = c;
   s.palette_written[c.bank][c.index] = 1;
   return 0;
@@ -317,12 +337,19 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
       case CAMSIM_MODIFY_OVERLAY:
         result = modify_overlay(s, rec);
         break;
-      case CAMSIM_GET_OVERLAY:
-        if (const OverlaySlot* o = find_overlay(s, rec.id))
+      case CAMSIM_GET_OVERLAY: {
+        // The driver fills the record: the caller sends nothing but the id.
+        internal_overlay only_id{};
+        only_id.id = rec.id;
+        const OverlaySlot* o = find_overlay(s, rec.id);
+        if (std::memcmp(&rec, &only_id, sizeof rec) != 0)
+          result = -EINVAL;
+        else if (o != nullptr)
           rec = o->rec;
         else
           result = -ENOENT;
         break;
+      }
       case CAMSIM_SUBMIT_BUFFER:
         result = submit_buffer(s, submit);
         break;

@@ -24,19 +24,21 @@ L operator<<(L results, long v) {
 int fd;  // each row of the table runs on a reset driver holding `made`
 internal_overlay made;
 
-// Creates `made` with one field changed; a refused create leaves nothing.
-template <typename F, typename V>
-long create_with(F internal_overlay::*field, V value) {
+// Creates `made` changed; a refused create leaves nothing.
+long create_as(const std::function<void(internal_overlay&)>& change) {
   internal_overlay r = made;
-  r.*field = value;
+  change(r);
   const int before = camsim_live_count(), rc = command(fd, CAM_IOC_CREATE_OVERLAY, &r);
   return rc < 0 && camsim_live_count() != before ? 1 : rc;
+}
+template <typename F, typename V>
+long create_with(F internal_overlay::*field, V value) {
+  return create_as([&](internal_overlay& r) { r.*field = value; });
 }
 
 // The buffer size of a new overlay, which get must give back as created.
 long size_of(int type, u32 w, u32 h) {
   internal_overlay r = record(type, w, h), got{};
-  r.reserved2 = 0xABCD;
   got.id = command(fd, CAM_IOC_CREATE_OVERLAY, &r) == 0 ? r.id : 0;
   command(fd, CAM_IOC_GET_OVERLAY, &got);
   return std::memcmp(&got, &r, sizeof r) == 0 ? r.buffer_size : -1;
@@ -67,20 +69,38 @@ TEST(DriverCommands, RecordsAndErrors) {
   const std::tuple<const char*, L, std::function<L()>> rows[] = {
       {"create",
        L{-EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -ENOMEM, 0,
-         -EFAULT},
+         -EFAULT, -EINVAL, -EINVAL, -EINVAL, -EINVAL, 0},
        [] {
          return L() << create_with(&O::type, -1) << create_with(&O::type, 9)
                     << create_with(&O::width, 0u) << create_with(&O::nbr_buffers, 0u)
                     << create_with(&O::nbr_buffers, 5u) << create_with(&O::palette_bank, 2u)
                     << create_with(&O::visible_width, 65u) << create_with(&O::y, 16385u)
                     << create_with(&O::height, 1u << 20) << create_with(&O::y, 16384u)
-                    << command(fd, CAM_IOC_CREATE_OVERLAY, nullptr);
+                    << command(fd, CAM_IOC_CREATE_OVERLAY, nullptr)
+                    << create_as([](O& r) { r.reserved1[1] = 1; }) << create_with(&O::reserved2, 1u)
+                    << create_as([](O& r) { r.palette_colors[3] = 1; })  // not a 1-bit overlay
+                    << create_as([](O& r) { r.type = 8, r.width = r.visible_width = 63; })
+                    << create_as([](O& r) { r.type = 6, r.palette_colors[1] = ~0u; });
        }},
-      {"buffer sizes by type", L{4, 0, 13, 9, 18, 36, 9, 5, 4, 10, 27},
+      {"buffer sizes by type", L{4, 0, 13, 9, 18, 36, 9, 5, 4, 10, 24},
        [] {
          return L() << size_of(0, 3, 3) << size_of(0, 1, 1) << size_of(1, 3, 3) << size_of(2, 3, 3)
                     << size_of(3, 3, 3) << size_of(4, 3, 3) << size_of(5, 3, 3) << size_of(6, 7, 5)
-                    << size_of(6, 9, 2) << size_of(7, 2, 2) << size_of(8, 3, 3);
+                    << size_of(6, 9, 2) << size_of(7, 2, 2) << size_of(8, 4, 2);
+       }},
+      {"reserved bytes zero, a get record nothing but its id",
+       L{-EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL},
+       [] {
+         internal_overlay get{}, modify = made;
+         get.id = made.id, get.x = 1, modify.reserved1[0] = 1;
+         cam_buffer_query query{made.id, {0, 0, 0, 0, 1}};
+         cam_source_params add{CAM_SOURCE_ADD, made.id, {0, 1, 0}};
+         cam_palette_color colour{3, 1, 76, 85, 255, 200, {0, 1}, 1};
+         return L() << command(fd, CAM_IOC_GET_OVERLAY, &get)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &modify)
+                    << command(fd, CAM_IOC_GET_BUFFER, &query)
+                    << command(fd, CAM_IOC_SOURCE_PARAMS, &add)
+                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &colour);
        }},
       {"256 live overlays, ids non-zero and unique; a lower limit",
        L{CAMSIM_MAX_OVERLAYS, 256, 0, -ENOMEM, -1, 0, 0, -ENOMEM},
@@ -114,13 +134,15 @@ TEST(DriverCommands, RecordsAndErrors) {
        L{-EINVAL, -EINVAL, 0, 0, 7, 0, 1, -EINVAL, -EINVAL, -EINVAL, -ENOENT},
        [] {
          camsim_overlay_info info{};
+         internal_overlay gone{};
+         gone.id = made.id;
          const int own = get_buffer(fd, made.id);
          return L() << submit(fd, made.id, get_buffer(fd, create(fd, record(2, 8, 8))))
                     << submit(fd, made.id, own + 1) << submit(fd, made.id, own, 7)
                     << camsim_get_overlay_info(made.id, &info) << info.last_param
                     << destroy(fd, made.id) << camsim_live_count() << destroy(fd, made.id)
                     << get_buffer(fd, made.id) << submit(fd, made.id, own)
-                    << command(fd, CAM_IOC_GET_OVERLAY, &made);
+                    << command(fd, CAM_IOC_GET_OVERLAY, &gone);
        }},
       {"source list of 8",
        L{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, -ENOBUFS, -ENOENT, -EINVAL, -EINVAL, 0, 0},
