@@ -18,8 +18,9 @@
  *   below 2^31. At most CAMSIM_MAX_OVERLAYS overlays live at once (fewer
  *   after camsim_set_overlay_limit); one more create fails with ENOMEM, as
  *   does a create whose buffers do not fit in the buffer arena
- *   (CAMSIM_ARENA_BYTES). Freed arena space is reused and
- *   reads back as zeros.
+ *   (CAMSIM_ARENA_BYTES). Freed arena space is reused. Every buffer of
+ *   a new overlay holds CAMSIM_FRESH_BYTE throughout, not zeros, so that code
+ *   relying on cleared buffers is caught.
  * - Every record's reserved bytes must be zero (EINVAL otherwise), and a
  *   get overlay record must be zero apart from its id.
  * - Create and modify refuse (EINVAL) a visible size larger than the overlay
@@ -70,6 +71,7 @@ extern "C" {
 #define CAMSIM_ARENA_BYTES (128u * 1024u * 1024u)
 #define CAMSIM_DEFAULT_WIDTH 1920
 #define CAMSIM_DEFAULT_HEIGHT 1080
+#define CAMSIM_FRESH_BYTE 0xA5
 
 /* The driver commands, for counters, faults and stalls. */
 typedef enum camsim_command {

@@ -4,10 +4,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 namespace camsim {
 namespace {
@@ -56,6 +58,21 @@ std::uint32_t new_id(SharedState& s) {
   }
 }
 
+// A new buffer holds CAMSIM_FRESH_BYTE throughout, as a driver that does not
+// clear its buffers leaves whatever was there: code that relies on zeros
+// shows it.
+void fill_fresh(const Attachment& a, const BufferSlot& b) {
+  static const std::vector<std::uint8_t> pattern(64 * 1024, CAMSIM_FRESH_BYTE);
+  const std::size_t length = std::size_t{b.pages} * kPage;
+  for (std::size_t done = 0; done < length;) {
+    const ssize_t n = pwrite(a.fd, pattern.data(), std::min(pattern.size(), length - done),
+                             static_cast<off_t>(b.offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;  // the pages stay as they were: only the pattern is lost
+    done += static_cast<std::size_t>(n);
+  }
+}
+
 int create_overlay(const Attachment& a, internal_overlay& r) {
   SharedState& s = *a.state;
   if (r.type < 0 || r.type > 8 || r.width == 0 || r.height == 0 || r.nbr_buffers < 1 ||
@@ -85,6 +102,7 @@ int create_overlay(const Attachment& a, internal_overlay& r) {
       return -ENOMEM;
     }
   }
+  for (std::uint32_t i = 0; i < r.nbr_buffers; ++i) fill_fresh(a, buffers[i]);
   r.id = new_id(s);
   r.buffer_size = static_cast<std::uint32_t>(bytes);
   slot->rec = r;

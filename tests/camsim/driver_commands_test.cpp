@@ -144,6 +144,16 @@ TEST(DriverCommands, RecordsAndErrors) {
                     << get_buffer(fd, made.id) << submit(fd, made.id, own)
                     << command(fd, CAM_IOC_GET_OVERLAY, &gone);
        }},
+      {"fresh buffers hold the pattern, also on reused pages", L{4096},
+       [] {
+         destroy(fd, made.id);
+         const u32 id = create(fd, record(2, 64, 64));
+         void* map = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, get_buffer(fd, id));
+         const auto* bytes = static_cast<const unsigned char*>(map);
+         const long fresh = std::count(bytes, bytes + 4096, CAMSIM_FRESH_BYTE);
+         munmap(map, 4096);
+         return L() << fresh;
+       }},
       {"source list of 8",
        L{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, -ENOBUFS, -ENOENT, -EINVAL, -EINVAL, 0, 0},
        [] {
