@@ -29,8 +29,9 @@
  *   width or height for type 8 (luma/chroma/alpha). Modify takes the
  *   position, visible size and coordinate type of the record and ignores its
  *   other fields.
- * - Submit accepts any buffer of the overlay, handed out or not; the
- *   record's param is kept (camsim_overlay_info.last_param).
+ * - Submit accepts only a buffer of the overlay that get buffer handed out
+ *   and that was not submitted since (EINVAL otherwise); the record's param
+ *   is kept (camsim_overlay_info.last_param).
  * - Source list: adding an overlay already in the list succeeds without a
  *   second place; removing an id that is not a live overlay is EINVAL,
  *   removing a live overlay that is not in the list is ENOENT; an operation

@@ -132,8 +132,11 @@ int submit_buffer(SharedState& s, const cam_buffer_submit& b) {
   OverlaySlot* o = find_overlay(s, b.id);
   if (o == nullptr) return -EINVAL;
   for (std::uint32_t i = 0; i < o->rec.nbr_buffers; ++i) {
-    if (o->buffers[i].offset != b.offset) continue;
+    // Only a buffer that get-buffer handed out, and that was not submitted
+    // since, belongs to the submitter.
+    if (o->buffers[i].offset != b.offset || o->buffers[i].held == 0) continue;
     stall_point(s, CAMSIM_SUBMIT_BUFFER);
+    o->buffers[i].held = 0;
     // Showing this buffer is what releases the one shown before.
     o->shown = static_cast<std::int32_t>(i);
     ++o->submit_count;
@@ -159,6 +162,7 @@ int get_buffer(SharedState& s, const cam_buffer_query& q) {
     }
   }
   o->buffers[pick].handed_seq = ++s.seq;
+  o->buffers[pick].held = 1;
   return static_cast<int>(o->buffers[pick].offset);
 }
 

@@ -13,7 +13,7 @@
 namespace camsim {
 
 inline constexpr std::uint32_t kMagic = 0x4D495343u;  // "CSIM"
-inline constexpr std::uint32_t kLayoutVersion = 2;
+inline constexpr std::uint32_t kLayoutVersion = 3;
 inline constexpr std::size_t kPage = 4096;
 inline constexpr std::size_t kArenaPages = CAMSIM_ARENA_BYTES / kPage;
 inline constexpr std::uint32_t kMaxId = 0x7FFFFFFFu;  // ids stay positive as int32
@@ -22,6 +22,8 @@ struct BufferSlot {
   std::uint32_t offset;  // file offset of the first page; 0 = unused slot
   std::uint32_t pages;
   std::uint64_t handed_seq;  // when it was last handed out; 0 = never
+  std::uint32_t held;        // 1 from get-buffer until the buffer is submitted
+  std::uint32_t unused;
 };
 
 // A live overlay is one whose `live` is 1. Commands set `live` last when

@@ -131,7 +131,7 @@ TEST(DriverCommands, RecordsAndErrors) {
                     << command(fd, CAM_IOC_MODIFY_OVERLAY, nullptr) << camsim_refresh_count();
        }},
       {"buffers and destroy",
-       L{-EINVAL, -EINVAL, 0, 0, 7, 0, 1, -EINVAL, -EINVAL, -EINVAL, -ENOENT},
+       L{-EINVAL, -EINVAL, 0, 0, 7, -EINVAL, -EINVAL, 0, 1, -EINVAL, -EINVAL, -EINVAL, -ENOENT},
        [] {
          camsim_overlay_info info{};
          internal_overlay gone{};
@@ -140,6 +140,8 @@ TEST(DriverCommands, RecordsAndErrors) {
          return L() << submit(fd, made.id, get_buffer(fd, create(fd, record(2, 8, 8))))
                     << submit(fd, made.id, own + 1) << submit(fd, made.id, own, 7)
                     << camsim_get_overlay_info(made.id, &info) << info.last_param
+                    << submit(fd, made.id, own)  // submitted already, not handed out again
+                    << submit(fd, made.id, info.buffer_offsets[1])  // never handed out
                     << destroy(fd, made.id) << camsim_live_count() << destroy(fd, made.id)
                     << get_buffer(fd, made.id) << submit(fd, made.id, own)
                     << command(fd, CAM_IOC_GET_OVERLAY, &gone);
