@@ -5,9 +5,11 @@
  * process that loads it (through camsim-run, LD_PRELOAD, or by linking it
  * before the C library) the nodes "/dev/cam0", "/dev/camquad" and
  * "/dev/cam1" to "/dev/cam14" open, and "/dev/galcore" answers access(). A
- * node's descriptor is a descriptor of the simulator's shared-memory file
- * "/camsim_state", so mmap() of a buffer offset and close() are the
- * kernel's; ioctl() on it runs the simulated driver.
+ * node's descriptor is a real descriptor of an empty shared-memory file of
+ * that node ("/camsim_node_N"), so close(), dup() and inheritance over fork
+ * and exec are the kernel's; ioctl() on it runs the simulated driver, and
+ * mmap() on it maps an overlay buffer out of the simulator's state file
+ * "/camsim_state", which itself is never mappable through a node.
  *
  * There is one driver state per machine (per /dev/shm), shared by every
  * process, created with the defaults on first use. Everything below works
@@ -36,9 +38,16 @@
  *   second place; removing an id that is not a live overlay is EINVAL,
  *   removing a live overlay that is not in the list is ENOENT; an operation
  *   other than add or remove is EINVAL. Destroy takes an overlay out of it.
- * - Stream configuration: a channel key other than ((channel - 1) << 8) &
- *   0xFFFF for a channel 0 to 15 is EINVAL. The answer does not depend on
- *   which node the descriptor was opened on.
+ * - Commands act only on the nodes that own them: overlay, buffer and
+ *   palette commands on "/dev/cam0" (ENOTTY on any other node), stream
+ *   configuration on every node. A stream configuration key other than
+ *   ((channel - 1) << 8) & 0xFFFF for a channel 0 to 15 is EINVAL; the
+ *   answer depends on the key alone, and the driver records the node and key
+ *   of the last get (camsim_last_stream_config).
+ * - mmap() of a node maps only a buffer that get buffer handed out, at its
+ *   own offset, at most its size rounded up to whole pages (EINVAL
+ *   otherwise), on "/dev/cam0" only (ENODEV on others), and needs the
+ *   access that the mapping asks for (EACCES).
  * - A null record is EFAULT (except for modify, where it asks for a
  *   refresh); a command number the driver does not know is ENOTTY.
  */
@@ -73,6 +82,9 @@ extern "C" {
 #define CAMSIM_DEFAULT_WIDTH 1920
 #define CAMSIM_DEFAULT_HEIGHT 1080
 #define CAMSIM_FRESH_BYTE 0xA5
+/* Device nodes: N for "/dev/camN" (0 to 14), and "/dev/camquad". */
+#define CAMSIM_NODE_CAMQUAD 15
+#define CAMSIM_NBR_NODES 16
 
 /* The driver commands, for counters, faults and stalls. */
 typedef enum camsim_command {
@@ -159,6 +171,11 @@ CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color* entries
 /* The maximum resolution that the stream configuration of a channel (0 to
  * 15) reports. */
 CAMSIM_API int camsim_set_resolution(unsigned int channel, uint32_t width, uint32_t height);
+
+/* The node (0 to 14 for "/dev/camN", CAMSIM_NODE_CAMQUAD) and the channel
+ * key of the last get stream configuration command; -1 with ENOENT when
+ * there was none since the reset. Either output may be null. */
+CAMSIM_API int camsim_last_stream_config(int* node, uint32_t* channel_key);
 
 /* Lowers the number of overlays that may live at once (1 to
  * CAMSIM_MAX_OVERLAYS), for tests of exhaustion; overlays already live stay.

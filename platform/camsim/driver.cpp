@@ -2,6 +2,8 @@
 // source list, the palette banks and the stream configuration.
 #include "driver.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,7 @@ namespace {
 
 constexpr std::uint32_t kNormalizedMax = 16384;
 constexpr std::int32_t kType1Bit = 6;
+constexpr int kOverlayNode = 0;  // "/dev/cam0"
 constexpr std::int32_t kTypeYcbcrAlpha = 8;
 
 // Stops the calling client half way through a command, holding the lock,
@@ -224,19 +227,19 @@ bool copy_in(Record& rec, const void* arg) {
 
 }  // namespace
 
-bool is_node_path(const char* path) {
-  if (path == nullptr) return false;
+int node_of_path(const char* path) {
+  if (path == nullptr) return -1;
   const std::string_view p(path);
-  if (p == "/dev/camquad") return true;
-  if (!p.starts_with("/dev/cam")) return false;
+  if (p == "/dev/camquad") return CAMSIM_NODE_CAMQUAD;
+  if (!p.starts_with("/dev/cam")) return -1;
   const std::string_view n = p.substr(8);
-  if (n.empty() || n.size() > 2 || (n.size() == 2 && n[0] == '0')) return false;
+  if (n.empty() || n.size() > 2 || (n.size() == 2 && n[0] == '0')) return -1;
   int value = 0;
   for (char c : n) {
-    if (c < '0' || c > '9') return false;
+    if (c < '0' || c > '9') return -1;
     value = value * 10 + (c - '0');
   }
-  return value <= 14;
+  return value <= 14 ? value : -1;
 }
 
 bool is_gpu_path(const char* path) {
@@ -297,8 +300,9 @@ std::uint64_t buffer_bytes(std::int32_t type, std::uint32_t width, std::uint32_t
   }
 }
 
-int run_command(const Attachment& a, unsigned long request, void* arg) {
+int run_command(const Attachment& a, int node, unsigned long request, void* arg) {
   const camsim_command cmd = command_of(request);
+  const bool stream_config = cmd == CAMSIM_GET_STREAM_CONFIG || cmd == CAMSIM_RETURN_STREAM_CONFIG;
 
   // Records are copied in before and out after the locked part, as a kernel
   // copies from and to user memory; a bad pointer then cannot stop a client
@@ -342,7 +346,8 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
     if (!lock.held()) return -EIO;
     SharedState& s = *a.state;
     ++s.calls[cmd];
-    if (cmd == CAMSIM_UNKNOWN_COMMAND) return -ENOTTY;
+    // Overlays, buffers and palettes belong to "/dev/cam0" alone.
+    if (cmd == CAMSIM_UNKNOWN_COMMAND || (!stream_config && node != kOverlayNode)) return -ENOTTY;
     if (s.faults[cmd].remaining > 0) {
       --s.faults[cmd].remaining;
       return -s.faults[cmd].error;
@@ -392,6 +397,10 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
       case CAMSIM_GET_STREAM_CONFIG:
       case CAMSIM_RETURN_STREAM_CONFIG: {
         const int channel = channel_of_key(config.channel_key);
+        if (cmd == CAMSIM_GET_STREAM_CONFIG) {
+          s.last_config_node = node;
+          s.last_config_key = config.channel_key;
+        }
         if (channel < 0) {
           result = -EINVAL;
         } else if (cmd == CAMSIM_GET_STREAM_CONFIG) {
@@ -418,6 +427,38 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
       break;
   }
   return result;
+}
+
+void* map_buffer(const Attachment& a, int node, int open_flags, void* address, std::size_t length,
+                 int prot, int flags, off_t offset) {
+  int error = 0;
+  const int access = open_flags & O_ACCMODE;
+  if (node != kOverlayNode) {
+    error = ENODEV;
+  } else if (access == O_WRONLY ||
+             ((flags & MAP_TYPE) == MAP_SHARED && (prot & PROT_WRITE) != 0 && access != O_RDWR)) {
+    error = EACCES;
+  } else if (length == 0 || offset <= 0) {
+    error = EINVAL;
+  }
+  if (error != 0) {
+    errno = error;
+    return MAP_FAILED;
+  }
+  Lock lock(a);
+  if (!lock.held()) return MAP_FAILED;
+  for (const auto& o : a.state->overlays) {
+    if (o.live != 1) continue;
+    for (std::uint32_t i = 0; i < o.rec.nbr_buffers && i < CAMSIM_MAX_BUFFERS; ++i) {
+      const BufferSlot& b = o.buffers[i];
+      if (b.offset != static_cast<std::uint64_t>(offset) || b.handed_seq == 0) continue;
+      if (length > std::size_t{b.pages} * kPage) break;
+      // Mapped under the lock, so the buffer cannot be freed in between.
+      return libc_mmap(address, length, prot, flags, a.fd, offset);
+    }
+  }
+  errno = EINVAL;
+  return MAP_FAILED;
 }
 
 }  // namespace camsim

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "api_test_util.h"
 #include "test_support.h"
@@ -136,18 +137,23 @@ TEST_F(Lifecycle, FailedTableCreation) {
 }
 
 TEST_F(Lifecycle, QueriesPassToTheDevice) {
-  ASSERT_EQ(camsim_set_resolution(3, 1280, 720), 0);
+  // Channel 0 asks "/dev/camquad", channel n "/dev/cam<n - 1>", with its key.
   uint32_t width = 1;
   uint32_t height = 1;
-  overlay_get_max_resolution(3, &width, &height);
-  EXPECT_EQ(width, 1280U);
-  EXPECT_EQ(height, 720U);
-  overlay_get_max_resolution(0, &width, &height);
-  EXPECT_EQ(width, 1920U);
-  // Channel 15 asks "/dev/cam14" with its own key; the driver refuses others.
-  ASSERT_EQ(camsim_set_resolution(15, 640, 360), 0);
-  overlay_get_max_resolution(15, &width, &height);
-  EXPECT_EQ(height, 360U);
+  for (auto [channel, node, key] : {std::tuple{0U, CAMSIM_NODE_CAMQUAD, 0xFF00U},
+                                    {1U, 0, 0U},
+                                    {3U, 2, 0x200U},
+                                    {15U, 14, 0xE00U}}) {
+    ASSERT_EQ(camsim_set_resolution(channel, 640 + channel, 360 + channel), 0);
+    overlay_get_max_resolution(channel, &width, &height);
+    EXPECT_EQ(width, 640 + channel);
+    EXPECT_EQ(height, 360 + channel);
+    int asked = -1;
+    uint32_t asked_key = 1;
+    ASSERT_EQ(camsim_last_stream_config(&asked, &asked_key), 0);
+    EXPECT_EQ(asked, node) << channel;
+    EXPECT_EQ(asked_key, key) << channel;
+  }
   long opens = camsim_open_count();
   clear_captured_logs();
   overlay_get_max_resolution(16, &width, &height);

@@ -64,6 +64,14 @@ long max_width(const char* path, u32 key, bool fortified = false) {
   return rc < 0 ? long{rc} : long{config.max_width};
 }
 
+// 0 when `length` bytes at `offset` of a node can be mapped, else -errno.
+long map(int node, long offset, std::size_t length, int prot = PROT_READ | PROT_WRITE) {
+  void* p = mmap(nullptr, length, prot, MAP_SHARED, node, offset);
+  if (p == MAP_FAILED) return -errno;
+  munmap(p, length);
+  return 0;
+}
+
 TEST(DriverCommands, RecordsAndErrors) {
   using O = internal_overlay;
   const std::tuple<const char*, L, std::function<L()>> rows[] = {
@@ -155,6 +163,22 @@ TEST(DriverCommands, RecordsAndErrors) {
          const long fresh = std::count(bytes, bytes + 4096, CAMSIM_FRESH_BYTE);
          munmap(map, 4096);
          return L() << fresh;
+       }},
+      {"nodes own their commands; only handed-out buffers map, within their pages",
+       L{-ENOTTY, -ENOTTY, -EINVAL, -EINVAL, 0, -EINVAL, -EINVAL, -ENODEV, -EACCES},
+       [] {
+         const int quad = open("/dev/camquad", O_RDWR), cam3 = open("/dev/cam3", O_RDWR),
+                   read_only = open("/dev/cam0", O_RDONLY);
+         internal_overlay r = record(2, 8, 8);
+         camsim_overlay_info info{};
+         camsim_get_overlay_info(made.id, &info);  // 8192 bytes a buffer
+         L results = L() << command(quad, CAM_IOC_CREATE_OVERLAY, &r) << get_buffer(cam3, made.id)
+                         << map(fd, 0, 4096) << map(fd, info.buffer_offsets[1], 4096);
+         const int own = get_buffer(fd, made.id);
+         results = results << map(fd, own, 8192) << map(fd, own, 8193) << map(fd, own, 1 << 20)
+                           << map(cam3, own, 4096) << map(read_only, own, 4096);
+         for (int node : {quad, cam3, read_only}) close(node);
+         return results;
        }},
       {"source list of 8",
        L{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, -ENOBUFS, -ENOENT, -EINVAL, -EINVAL, 0, 0},
