@@ -1,65 +1,31 @@
 // The palette: default colours, the YCbCr conversion, and the colour
-// commands sent to the driver (seen by taking the program's ioctl calls).
-#include <dlfcn.h>
+// commands as the simulated driver receives them.
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
+#include <string>
 #include <vector>
 
-#include "cam_ioctl.h"
+#include "camsim.h"
 #include "device.h"
 #include "test_support.h"
 #include "zantrel.h"
 
 namespace {
 
-// A descriptor number no real file has in these tests.
-constexpr int kFakeDevice = 900;
-
-struct SentCommand {
-  unsigned long request;
-  cam_palette_color record;
-};
-
-std::vector<SentCommand> g_sent;
-int g_fail_errno = 0;
-
-}  // namespace
-
-extern "C" int ioctl(int fd, unsigned long request, ...) {
-  va_list args;
-  va_start(args, request);
-  void* arg = va_arg(args, void*);
-  va_end(args);
-  if (fd != kFakeDevice) {
-    using Real = int (*)(int, unsigned long, void*);
-    static auto real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "ioctl"));
-    return real(fd, request, arg);
-  }
-  SentCommand sent{request, {}};
-  std::memcpy(&sent.record, arg, sizeof sent.record);
-  g_sent.push_back(sent);
-  if (g_fail_errno != 0) {
-    errno = g_fail_errno;
-    return -1;
-  }
-  return 0;
-}
-
-namespace {
-
+using zantrel::test::captured_logs;
 using zantrel::test::logged_once;
 
 class PaletteTest : public testing::Test {
  protected:
   void SetUp() override {
-    g_sent.clear();
-    g_fail_errno = 0;
+    ASSERT_EQ(camsim_reset(), 0);
+    ASSERT_GE(fd_ = o_open_fd(), 0);
     zantrel::test::clear_captured_logs();
   }
+  void TearDown() override { o_close_fd(fd_); }
+  int fd_ = -1;
 };
 
 struct Ycbcr {
@@ -75,62 +41,53 @@ TEST_F(PaletteTest, DefaultColoursConvert) {
   for (const Ycbcr& e : expected) {
     cam_palette_color record{};
     zantrel::device::palette_argb_to_ycbcr(&record, static_palette[e.index]);
-    EXPECT_EQ(record.luma, e.y) << "index " << e.index;
-    EXPECT_EQ(record.cb, e.cb) << "index " << e.index;
-    EXPECT_EQ(record.cr, e.cr) << "index " << e.index;
-    EXPECT_EQ(record.alpha, e.alpha) << "index " << e.index;
+    EXPECT_EQ(std::vector<int>({record.luma, record.cb, record.cr, record.alpha}),
+              std::vector<int>({e.y, e.cb, e.cr, e.alpha}))
+        << "index " << e.index;
   }
 }
 
 TEST_F(PaletteTest, SetDefaultLoadsFifteenEntriesIntoBothBanks) {
-  EXPECT_EQ(palette_set_default(kFakeDevice), 0);
-  ASSERT_EQ(g_sent.size(), 30U);
-  for (int index = 0; index < 15; ++index) {
-    for (int bank = 0; bank < 2; ++bank) {
-      const SentCommand& sent = g_sent[static_cast<size_t>(index * 2 + bank)];
-      EXPECT_EQ(sent.request, CAM_IOC_SET_PALETTE_COLOR);
-      EXPECT_EQ(sent.record.index, index);
-      EXPECT_EQ(sent.record.bank, bank);
-      EXPECT_EQ(sent.record.flag, 0);
-      EXPECT_EQ(sent.record.reserved[0] | sent.record.reserved[1], 0);
-      EXPECT_EQ(sent.record.alpha, static_palette[index] >> 24);
+  EXPECT_EQ(palette_set_default(fd_), 0);
+  EXPECT_EQ(camsim_call_count(CAMSIM_SET_PALETTE_COLOR), 30);
+  for (unsigned bank = 0; bank < 2; ++bank) {
+    cam_palette_color entries[16];
+    uint8_t written[16];
+    ASSERT_EQ(camsim_read_palette(bank, entries, written), 0);
+    for (int index = 0; index < 16; ++index) {
+      EXPECT_EQ(written[index], index < 15) << "entry 15 is the driver's own";
+      cam_palette_color want{};
+      zantrel::device::palette_argb_to_ycbcr(&want, static_palette[index]);
+      want.index = static_cast<uint8_t>(index);
+      want.bank = static_cast<uint8_t>(bank);  // flag 0
+      EXPECT_TRUE(index == 15 || std::memcmp(&entries[index], &want, sizeof want) == 0) << index;
     }
   }
-  EXPECT_TRUE(zantrel::test::captured_logs().empty());
+  EXPECT_TRUE(captured_logs().empty());
 
-  g_sent.clear();
-  g_fail_errno = EIO;
-  EXPECT_EQ(palette_set_default(kFakeDevice), -1);
-  EXPECT_EQ(g_sent.size(), 30U) << "a refusal does not stop the load";
-  EXPECT_TRUE(zantrel::test::captured_logs().empty());
+  ASSERT_EQ(camsim_inject_fault(CAMSIM_SET_PALETTE_COLOR, 30, EIO), 0);
+  EXPECT_EQ(palette_set_default(fd_), -1);
+  EXPECT_EQ(camsim_call_count(CAMSIM_SET_PALETTE_COLOR), 60) << "a refusal does not stop the load";
+  EXPECT_TRUE(captured_logs().empty());
 }
 
-TEST_F(PaletteTest, SetColorSendsOneUserBankRecord) {
-  EXPECT_EQ(palette_set_color_argb(kFakeDevice, 0xFFFF0000, 3, 0x101), 0);
-  ASSERT_EQ(g_sent.size(), 1U);
-  const cam_palette_color& r = g_sent[0].record;
-  EXPECT_EQ(g_sent[0].request, CAM_IOC_SET_PALETTE_COLOR);
-  EXPECT_EQ(r.index, 3);
-  EXPECT_EQ(r.bank, 1);
-  EXPECT_EQ(r.luma, 76);
-  EXPECT_EQ(r.cb, 85);
-  EXPECT_EQ(r.cr, 255);
-  EXPECT_EQ(r.alpha, 255);
-  EXPECT_EQ(r.flag, 1) << "the low byte of the flag";
-}
+TEST_F(PaletteTest, SetColorSendsOneUserBankRecordOrRefuses) {
+  EXPECT_EQ(palette_set_color_argb(fd_, 0xFFFF0000, 3, 0x101), 0);
+  EXPECT_EQ(camsim_call_count(CAMSIM_SET_PALETTE_COLOR), 1);
+  cam_palette_color user[16];
+  ASSERT_EQ(camsim_read_palette(1, user, nullptr), 0);
+  const cam_palette_color want{3, 1, 76, 85, 255, 255, {0, 0}, 1};  // the low byte of the flag
+  EXPECT_EQ(std::memcmp(&user[3], &want, sizeof want), 0);
 
-TEST_F(PaletteTest, SetColorRefusals) {
   for (int index : {16, -1, 1000}) {
-    zantrel::test::clear_captured_logs();
-    EXPECT_EQ(palette_set_color_argb(kFakeDevice, 0, index, 0), -1);
+    EXPECT_EQ(palette_set_color_argb(fd_, 0, index, 0), -1);
     EXPECT_TRUE(
         logged_once(LOG_ERR, "libzantrel: Invalid index when setting palette, must be < 16. Was " +
                                  std::to_string(index) + ".\n"));
   }
-  EXPECT_TRUE(g_sent.empty());
-
-  g_fail_errno = EINVAL;
-  EXPECT_EQ(palette_set_color_argb(kFakeDevice, 0, 15, 0), -1);
+  EXPECT_EQ(camsim_call_count(CAMSIM_SET_PALETTE_COLOR), 1);
+  ASSERT_EQ(camsim_inject_fault(CAMSIM_SET_PALETTE_COLOR, 1, EINVAL), 0);
+  EXPECT_EQ(palette_set_color_argb(fd_, 0, 15, 0), -1);
   EXPECT_TRUE(
       logged_once(LOG_ERR, "libzantrel: Could not set palette color at index 15, bank 1.\n"));
 }
@@ -142,7 +99,7 @@ TEST_F(PaletteTest, ColourLookups) {
   }
   EXPECT_EQ(static_cast<uint32_t>(palette_get_color(palette_get_color_index(OVERLAY_COLOR_RED))),
             0xFFFF0000U);
-  EXPECT_TRUE(zantrel::test::captured_logs().empty());
+  EXPECT_TRUE(captured_logs().empty());
 
   // An invalid colour gives -1, which palette_get_color refuses in turn.
   EXPECT_EQ(palette_get_color(palette_get_color_index(7)), -1);
