@@ -1,7 +1,6 @@
 // Text and image overlays through the simulated driver: types, the dual
 // 4-bit buffer, updates that swap hardware overlays, images from ".ovl"
 // files and bitmap directories.
-#include <cairo.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -32,35 +31,27 @@ overlay_text text_record(const char* text, int size = 32, int scroll = 0) {
   return t;
 }
 
-// A 24-bit bottom-up bitmap of one colour.
+// A 24-bit bottom-up bitmap of one grey.
 void write_bmp(const std::string& path, int width, int height) {
-  const int row = (width * 3 + 3) & ~3;
-  std::vector<unsigned char> file(54 + static_cast<size_t>(row) * height, 0x80);
-  auto put = [&file](size_t at, uint32_t value) { std::memcpy(&file[at], &value, 4); };
-  file[0] = 'B';
-  file[1] = 'M';
-  put(2, static_cast<uint32_t>(file.size()));
-  put(10, 54);
-  put(14, 40);
-  put(18, static_cast<uint32_t>(width));
-  put(22, static_cast<uint32_t>(height));
-  put(26, 1 | (24 << 16));
-  put(30, 0);
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<char*>(file.data()), file.size());
+  const uint32_t row = (width * 3 + 3) & ~3, size = 54 + row * height;
+  const uint32_t fields[] = {size, 0, 54, 40, uint32_t(width), uint32_t(height), 1 | (24 << 16)};
+  std::vector<char> file(size, '\x80');
+  file[0] = 'B', file[1] = 'M';
+  std::memcpy(&file[2], fields, sizeof fields);  // up to the bits per pixel
+  std::fill_n(&file[30], 24, 0);                 // no compression, no palette
+  std::ofstream(path, std::ios::binary).write(file.data(), size);
 }
 
-// An ".ovl" image made by the project's converter from a one-colour PNG.
+// An ".ovl" image of opaque white ARGB pixels.
 std::string make_ovl(const std::string& dir, int width, int height) {
-  const std::string png = dir + "/logo.png", ovl = dir + "/logo.ovl";
-  cairo_surface_t* s = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
-  cairo_t* cr = cairo_create(s);
-  cairo_set_source_rgb(cr, 0.2, 0.6, 0.9);
-  cairo_paint(cr);
-  cairo_destroy(cr);
-  cairo_surface_write_to_png(s, png.c_str());
-  cairo_surface_destroy(s);
-  EXPECT_EQ(std::system((std::string(OVLCONV) + " to-ovl " + png + " " + ovl).c_str()), 0);
-  return ovl;
+  std::vector<char> file(78 + 4 * width * height, '\xFF');
+  const char header[] = {
+      'o', 'g', '4', 0, 0, 16, char(width), char(width >> 8), char(height), char(height >> 8)};
+  std::copy(std::begin(header), std::end(header), file.begin());
+  std::fill_n(&file[10], 68, 0);
+  const std::string path = dir + "/logo.ovl";
+  std::ofstream(path, std::ios::binary).write(file.data(), file.size());
+  return path;
 }
 
 class TextImage : public testing::Test {
