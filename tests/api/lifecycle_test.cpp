@@ -41,9 +41,7 @@ TEST_F(Lifecycle, InitWithOwnDescriptorMakesTableAndLoadsPalette) {
   EXPECT_TRUE(captured_logs().empty());
 
   EXPECT_EQ(overlay_deinit(), 0);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_FALSE(fd_open(fd));
-  EXPECT_TRUE(api_test::table_files().empty());
+  EXPECT_TRUE(o_get_fd() == 0 && !fd_open(fd) && api_test::table_files().empty());
 }
 
 TEST_F(Lifecycle, DeviceIsNeverHeldAsDescriptorZero) {
@@ -63,9 +61,7 @@ TEST_F(Lifecycle, CallersDescriptorIsNeverClosed) {
   EXPECT_EQ(overlay_init(own), own);
   EXPECT_EQ(o_get_fd(), own);
   EXPECT_EQ(overlay_deinit(), 0);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_TRUE(fd_open(own));
-  EXPECT_TRUE(api_test::table_files().empty());
+  EXPECT_TRUE(o_get_fd() == 0 && fd_open(own) && api_test::table_files().empty());
 
   ASSERT_EQ(overlay_table_init(), 0);
   EXPECT_EQ(overlay_attach(own), own);
@@ -78,17 +74,13 @@ TEST_F(Lifecycle, CallersDescriptorIsNeverClosed) {
 TEST_F(Lifecycle, AttachNeedsTheMainTable) {
   int before = camsim_open_count();
   EXPECT_EQ(overlay_attach(0), -1);
-  EXPECT_EQ(camsim_open_count(), before + 1);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_TRUE(captured_logs().empty());
+  EXPECT_TRUE(camsim_open_count() == before + 1 && o_get_fd() == 0 && captured_logs().empty());
 
   ASSERT_EQ(overlay_table_init(), 0);
   int fd = overlay_attach(0);
   ASSERT_GT(fd, 0);
   EXPECT_EQ(overlay_detach(), 0);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_FALSE(fd_open(fd));
-  EXPECT_EQ(overlay_table_exists(), 1);
+  EXPECT_TRUE(o_get_fd() == 0 && !fd_open(fd) && overlay_table_exists() == 1);
 }
 
 TEST_F(Lifecycle, ReinitWarnsOnceAndStartsAfresh) {
@@ -139,20 +131,16 @@ TEST_F(Lifecycle, QueriesPassToTheDevice) {
                                     {15U, 14, 0xE00U}}) {
     ASSERT_EQ(camsim_set_resolution(channel, 640 + channel, 360 + channel), 0);
     overlay_get_max_resolution(channel, &width, &height);
-    EXPECT_EQ(width, 640 + channel);
-    EXPECT_EQ(height, 360 + channel);
     int asked = -1;
     uint32_t asked_key = 1;
     ASSERT_EQ(camsim_last_stream_config(&asked, &asked_key), 0);
-    EXPECT_EQ(asked, node) << channel;
-    EXPECT_EQ(asked_key, key) << channel;
+    EXPECT_EQ(std::tuple(width, height, asked, asked_key),
+              std::tuple(640 + channel, 360 + channel, node, key));
   }
   long opens = camsim_open_count();
   clear_captured_logs();
   overlay_get_max_resolution(16, &width, &height);
-  EXPECT_EQ(width, 0U);
-  EXPECT_EQ(height, 0U);
-  EXPECT_EQ(camsim_open_count(), opens);
+  EXPECT_EQ(std::tuple(width, height, camsim_open_count()), std::tuple(0U, 0U, opens));
   EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: o_get_max_resolution: Invalid channel.\n"));
   ASSERT_EQ(camsim_inject_fault(CAMSIM_GET_STREAM_CONFIG, 1, EIO), 0);
   width = 5;
