@@ -161,56 +161,49 @@ class OvlFile : public testing::Test {
   Bytes shown_;
 };
 
-struct PackedCase {
-  const char* name;
-  int w, h;
-  Patch patch;
-  bool key_active;  // whether pixels of luma 16 turn transparent
-};
-class PackedFiles : public OvlFile, public testing::WithParamInterface<PackedCase> {};
-
-TEST_P(PackedFiles, PlanesHoldTheFile) {
-  const PackedCase& c = GetParam();
-  const Bytes file = patched(make_ovl(c.w, c.h, pattern(c.w, c.h), true), c.patch);
-  ASSERT_EQ(load(file), 0);
-  EXPECT_EQ(camsim_live_count(), 1);
-  expect_record(c.w, c.h);
-  const int W = (c.w + 1) & ~1, H = (c.h + 1) & ~1;
-  for (int y = 0; y < H; ++y) {
-    const uint8_t* row = &file[78 + std::min(y, c.h - 1) * c.w * 2];
-    for (int x = 0; x < W; ++x) {
-      SCOPED_TRACE(testing::Message() << x << "," << y);
-      if (x == c.w || y == c.h) {  // the added column and row: transparent, luma repeated
-        EXPECT_EQ(plane(3, x, y), 0);
-        EXPECT_EQ(plane(0, x, y), row[std::min(x, c.w - 1) * 2 + 1]);
-        continue;
-      }
-      uint8_t luma = row[x * 2 + 1];
-      EXPECT_EQ(plane(0, x, y), luma);
-      EXPECT_EQ(plane(3, x, y), c.key_active && luma == 16 ? 0 : 255);
-      bool odd = x % 2, lone = !odd && x + 1 == c.w;
-      uint8_t cr = row[(x - odd) * 2], cb = lone ? 128 : row[(x - odd) * 2 + 2];
-      if (y % 2 == 0) {
-        EXPECT_EQ(std::pair(plane(1, x, y), plane(2, x, y)),
-                  odd ? std::pair(cb, cr) : std::pair(cr, cb));
+// ovlconv makes version '2' files of format 2 with key 16; the rest by hand.
+// Whether pixels of luma 16 turn transparent depends on the key.
+TEST_F(OvlFile, PackedPlanesHoldTheFile) {
+  const std::tuple<const char*, int, int, Patch, bool> cases[] = {
+      {"v2_alpha", 6, 4, {}, true},
+      {"v2_full", 4, 2, {{4, 1}}, true},
+      {"v2_odd_9x3", 9, 3, {}, true},
+      {"v2_key_pair_16_17", 2, 2, {{79, 16}, {81, 17}}, true},
+      {"v1_key_in_byte_11", 4, 4, {{2, '1'}, {10, 0}, {11, 16}}, true},
+      {"v1_byte_10_set", 4, 4, {{2, '1'}, {10, 1}, {11, 16}}, false},
+      {"v3_like_v2", 4, 2, {{2, '3'}, {11, 0}}, true},
+      {"unknown_version", 4, 2, {{2, 'x'}}, true}};
+  for (const auto& [name, w, h, patch, key_active] : cases) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(camsim_reset(), 0);
+    clear_captured_logs();
+    const Bytes file = patched(make_ovl(w, h, pattern(w, h), true), patch);
+    ASSERT_EQ(load(file), 0);
+    EXPECT_EQ(camsim_live_count(), 1);
+    expect_record(w, h);
+    for (int y = 0; y < ((h + 1) & ~1); ++y) {
+      const uint8_t* row = &file[78 + std::min(y, h - 1) * w * 2];
+      for (int x = 0; x < ((w + 1) & ~1); ++x) {
+        SCOPED_TRACE(testing::Message() << x << "," << y);
+        if (x == w || y == h) {  // the added column and row: transparent, luma repeated
+          EXPECT_EQ(plane(3, x, y), 0);
+          EXPECT_EQ(plane(0, x, y), row[std::min(x, w - 1) * 2 + 1]);
+          continue;
+        }
+        uint8_t luma = row[x * 2 + 1];
+        EXPECT_EQ(plane(0, x, y), luma);
+        EXPECT_EQ(plane(3, x, y), key_active && luma == 16 ? 0 : 255);
+        bool odd = x % 2, lone = !odd && x + 1 == w;
+        uint8_t cr = row[(x - odd) * 2], cb = lone ? 128 : row[(x - odd) * 2 + 2];
+        if (y % 2 == 0) {
+          EXPECT_EQ(std::pair(plane(1, x, y), plane(2, x, y)),
+                    odd ? std::pair(cb, cr) : std::pair(cr, cb));
+        }
       }
     }
+    EXPECT_TRUE(captured_logs().empty());
   }
-  EXPECT_TRUE(captured_logs().empty());
 }
-
-// ovlconv makes version '2' files of format 2 with key 16; the rest by hand.
-INSTANTIATE_TEST_SUITE_P(Versions, PackedFiles,
-                         testing::ValuesIn(std::vector<PackedCase>{
-                             {"v2_alpha", 6, 4, {}, true},
-                             {"v2_full", 4, 2, {{4, 1}}, true},
-                             {"v2_odd_9x3", 9, 3, {}, true},
-                             {"v2_key_pair_16_17", 2, 2, {{79, 16}, {81, 17}}, true},
-                             {"v1_key_in_byte_11", 4, 4, {{2, '1'}, {10, 0}, {11, 16}}, true},
-                             {"v1_byte_10_set", 4, 4, {{2, '1'}, {10, 1}, {11, 16}}, false},
-                             {"v3_like_v2", 4, 2, {{2, '3'}, {11, 0}}, true},
-                             {"unknown_version", 4, 2, {{2, 'x'}}, true}}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(OvlFile, ArgbFileIsConvertedPairByPair) {
   // Red, green, white, black over black, black, half-transparent white, blue.
