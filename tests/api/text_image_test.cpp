@@ -60,14 +60,11 @@ class TextImage : public testing::Test {
   void SetUp() override {
     ASSERT_EQ(camsim_reset(), 0);
     ASSERT_GT(overlay_init(0), 0);
-    char dir[] = "/tmp/zantrel-images-XXXXXX";
+    char dir[] = "/dev/shm/images-XXXXXX";  // goes with the test's private /dev/shm
     ASSERT_NE(mkdtemp(dir), nullptr);
     dir_ = dir;
   }
-  void TearDown() override {
-    overlay_deinit();
-    std::system(("rm -rf " + dir_).c_str());
-  }
+  void TearDown() override { overlay_deinit(); }
   static overlay_entry_data entry(int handle) {
     overlay_table* table = overlay_table_map();
     overlay_entry_data data = overlay_table_get_entry(table, handle)->data;
@@ -78,22 +75,16 @@ class TextImage : public testing::Test {
 };
 
 TEST_F(TextImage, TextTypesAndLimits) {
-  const struct {
-    const char* text;
-    int scroll;
-    int type;
-  } cases[] = {
-      {"Gate 4 North", 0, OVERLAY_TYPE_TEXT},
-      {"Gate %H", 0, OVERLAY_TYPE_MODIFIABLE_TEXT},
-      {"#T", 0, OVERLAY_TYPE_MODIFIABLE_TEXT},
-      {"Gate 4 North", 5, OVERLAY_TYPE_MODIFIABLE_TEXT},
-  };
-  for (const auto& c : cases) {
-    overlay_text t = text_record(c.text, 32, c.scroll);
+  for (auto [text, scroll, type] : {std::tuple{"Gate 4 North", 0, OVERLAY_TYPE_TEXT},
+                                    {"Gate %H", 0, OVERLAY_TYPE_MODIFIABLE_TEXT},
+                                    {"#T", 0, OVERLAY_TYPE_MODIFIABLE_TEXT},
+                                    {"Gate 4 North", 5, OVERLAY_TYPE_MODIFIABLE_TEXT}}) {
+    overlay_text t = text_record(text, 32, scroll);
     const int handle = overlay_text_create(&t);
-    ASSERT_GT(handle, 0) << c.text;
-    EXPECT_EQ(entry(handle).type, c.type) << c.text;
-    EXPECT_EQ(entry(handle).description.text.scroll_speed, c.scroll);
+    ASSERT_GT(handle, 0) << text;
+    EXPECT_EQ(std::tuple(entry(handle).type, entry(handle).description.text.scroll_speed),
+              std::tuple(type, scroll))
+        << text;
   }
   overlay_text after_nul = text_record("Gate");
   after_nul.text[5] = '#';
