@@ -45,11 +45,10 @@ void write_bmp(const std::string& path, int width, int height) {
 
 // An ".ovl" image of opaque white ARGB pixels.
 std::string make_ovl(const std::string& dir, int width, int height) {
-  std::vector<char> file(78 + 4 * width * height, '\xFF');
-  const char header[] = {
+  std::vector<char> file{
       'o', 'g', '4', 0, 0, 16, char(width), char(width >> 8), char(height), char(height >> 8)};
-  std::copy(std::begin(header), std::end(header), file.begin());
-  std::fill_n(&file[10], 68, 0);
+  file.resize(78, 0);
+  file.resize(78 + 4 * width * height, '\xFF');
   const std::string path = dir + "/logo.ovl";
   std::ofstream(path, std::ios::binary).write(file.data(), file.size());
   return path;
