@@ -160,8 +160,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Gridfit, ReusesConversionUntilTheBitmapFileChanges) {
   const fs::path bmp = root_ / "image" / "bmp", old = root_ / "old";
   write_file(bmp, make_bmp(kRgb24));
-  struct stat first {
-  }, again{};
+  struct stat first = {}, again = {};
   ASSERT_EQ(convert(root_ / "image", 720), 0);
   const std::string out = buffer_.data();
   ASSERT_EQ(stat(out.c_str(), &first), 0);
