@@ -189,6 +189,23 @@ CAMSIM_API int camsim_set_resolution(unsigned int channel, uint32_t width, uint3
   }));
 }
 
+CAMSIM_API int camsim_last_stream_config(int* node, uint32_t* channel_key) {
+  return static_cast<int>(locked([&](const Attachment& a) {
+    if (a.state->last_config_node < 0) return static_cast<long>(fail(ENOENT));
+    if (node != nullptr) *node = a.state->last_config_node;
+    if (channel_key != nullptr) *channel_key = a.state->last_config_key;
+    return 0L;
+  }));
+}
+
+CAMSIM_API int camsim_set_overlay_limit(int limit) {
+  if (limit < 1 || limit > CAMSIM_MAX_OVERLAYS) return fail(EINVAL);
+  return static_cast<int>(locked([&](const Attachment& a) {
+    a.state->overlay_limit = static_cast<uint32_t>(limit);
+    return 0L;
+  }));
+}
+
 CAMSIM_API int camsim_set_galcore(int present) {
   return static_cast<int>(locked([&](const Attachment& a) {
     a.state->galcore = present != 0;

@@ -5,9 +5,11 @@
  * process that loads it (through camsim-run, LD_PRELOAD, or by linking it
  * before the C library) the nodes "/dev/cam0", "/dev/camquad" and
  * "/dev/cam1" to "/dev/cam14" open, and "/dev/galcore" answers access(). A
- * node's descriptor is a descriptor of the simulator's shared-memory file
- * "/camsim_state", so mmap() of a buffer offset and close() are the
- * kernel's; ioctl() on it runs the simulated driver.
+ * node's descriptor is a real descriptor of an empty shared-memory file of
+ * that node ("/camsim_node_N"), so close(), dup() and inheritance over fork
+ * and exec are the kernel's; ioctl() on it runs the simulated driver, and
+ * mmap() on it maps an overlay buffer out of the simulator's state file
+ * "/camsim_state", which itself is never mappable through a node.
  *
  * There is one driver state per machine (per /dev/shm), shared by every
  * process, created with the defaults on first use. Everything below works
@@ -15,23 +17,37 @@
  *
  * Driver choices worth knowing when writing tests:
  * - Ids run from 1 upwards, never 0, unique among live overlays, always
- *   below 2^31. At most CAMSIM_MAX_OVERLAYS overlays live at once; one more
- *   create fails with ENOMEM, as does a create whose buffers do not fit in
- *   the buffer arena (CAMSIM_ARENA_BYTES). Freed arena space is reused and
- *   reads back as zeros.
+ *   below 2^31. At most CAMSIM_MAX_OVERLAYS overlays live at once (fewer
+ *   after camsim_set_overlay_limit); one more create fails with ENOMEM, as
+ *   does a create whose buffers do not fit in the buffer arena
+ *   (CAMSIM_ARENA_BYTES). Freed arena space is reused. Every buffer of
+ *   a new overlay holds CAMSIM_FRESH_BYTE throughout, not zeros, so that code
+ *   relying on cleared buffers is caught.
+ * - Every record's reserved bytes must be zero (EINVAL otherwise), and a
+ *   get overlay record must be zero apart from its id.
  * - Create and modify refuse (EINVAL) a visible size larger than the overlay
  *   and normalized coordinates above 16384; create also refuses a palette
- *   bank above 1. Modify takes the position, visible size and coordinate
- *   type of the record and ignores its other fields.
- * - Submit accepts any buffer of the overlay, handed out or not; the
- *   record's param is kept (camsim_overlay_info.last_param).
+ *   bank above 1, palette colours for any type but 6 (1 bit), and an odd
+ *   width or height for type 8 (luma/chroma/alpha). Modify takes the
+ *   position, visible size and coordinate type of the record and ignores its
+ *   other fields.
+ * - Submit accepts only a buffer of the overlay that get buffer handed out
+ *   and that was not submitted since (EINVAL otherwise); the record's param
+ *   is kept (camsim_overlay_info.last_param).
  * - Source list: adding an overlay already in the list succeeds without a
  *   second place; removing an id that is not a live overlay is EINVAL,
  *   removing a live overlay that is not in the list is ENOENT; an operation
  *   other than add or remove is EINVAL. Destroy takes an overlay out of it.
- * - Stream configuration: a channel key other than ((channel - 1) << 8) &
- *   0xFFFF for a channel 0 to 15 is EINVAL. The answer does not depend on
- *   which node the descriptor was opened on.
+ * - Commands act only on the nodes that own them: overlay, buffer and
+ *   palette commands on "/dev/cam0" (ENOTTY on any other node), stream
+ *   configuration on every node. A stream configuration key other than
+ *   ((channel - 1) << 8) & 0xFFFF for a channel 0 to 15 is EINVAL; the
+ *   answer depends on the key alone, and the driver records the node and key
+ *   of the last get (camsim_last_stream_config).
+ * - mmap() of a node maps only a buffer that get buffer handed out, at its
+ *   own offset, at most its size rounded up to whole pages (EINVAL
+ *   otherwise), on "/dev/cam0" only (ENODEV on others), and needs the
+ *   access that the mapping asks for (EACCES).
  * - A null record is EFAULT (except for modify, where it asks for a
  *   refresh); a command number the driver does not know is ENOTTY.
  */
@@ -56,7 +72,8 @@ extern "C" {
 /* The shared-memory object that holds the driver state and its buffers. */
 #define CAMSIM_STATE_NAME "/camsim_state"
 
-#define CAMSIM_MAX_OVERLAYS 64
+/* Live overlays at once: the default limit and the most it can be. */
+#define CAMSIM_MAX_OVERLAYS 256
 #define CAMSIM_MAX_BUFFERS 4
 #define CAMSIM_SOURCE_SLOTS 8
 #define CAMSIM_NBR_CHANNELS 16
@@ -64,6 +81,10 @@ extern "C" {
 #define CAMSIM_ARENA_BYTES (128u * 1024u * 1024u)
 #define CAMSIM_DEFAULT_WIDTH 1920
 #define CAMSIM_DEFAULT_HEIGHT 1080
+#define CAMSIM_FRESH_BYTE 0xA5
+/* Device nodes: N for "/dev/camN" (0 to 14), and "/dev/camquad". */
+#define CAMSIM_NODE_CAMQUAD 15
+#define CAMSIM_NBR_NODES 16
 
 /* The driver commands, for counters, faults and stalls. */
 typedef enum camsim_command {
@@ -150,6 +171,16 @@ CAMSIM_API int camsim_read_palette(unsigned int bank, cam_palette_color* entries
 /* The maximum resolution that the stream configuration of a channel (0 to
  * 15) reports. */
 CAMSIM_API int camsim_set_resolution(unsigned int channel, uint32_t width, uint32_t height);
+
+/* The node (0 to 14 for "/dev/camN", CAMSIM_NODE_CAMQUAD) and the channel
+ * key of the last get stream configuration command; -1 with ENOENT when
+ * there was none since the reset. Either output may be null. */
+CAMSIM_API int camsim_last_stream_config(int* node, uint32_t* channel_key);
+
+/* Lowers the number of overlays that may live at once (1 to
+ * CAMSIM_MAX_OVERLAYS), for tests of exhaustion; overlays already live stay.
+ * A reset restores CAMSIM_MAX_OVERLAYS. */
+CAMSIM_API int camsim_set_overlay_limit(int limit);
 
 /* Whether "/dev/galcore" exists for access(). */
 CAMSIM_API int camsim_set_galcore(int present);

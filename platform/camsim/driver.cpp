@@ -2,17 +2,24 @@
 // source list, the palette banks and the stream configuration.
 #include "driver.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 namespace camsim {
 namespace {
 
 constexpr std::uint32_t kNormalizedMax = 16384;
+constexpr std::int32_t kType1Bit = 6;
+constexpr int kOverlayNode = 0;  // "/dev/cam0"
+constexpr std::int32_t kTypeYcbcrAlpha = 8;
 
 // Stops the calling client half way through a command, holding the lock,
 // when a test armed a stall for it. Only a kill ends it.
@@ -30,6 +37,21 @@ bool position_valid(const internal_overlay& r, std::uint32_t width, std::uint32_
   return true;
 }
 
+template <typename Word, std::size_t N>
+bool all_zero(const Word (&words)[N]) {
+  for (Word w : words)
+    if (w != 0) return false;
+  return true;
+}
+
+// Reserved words are zero, palette colours belong to 1-bit overlays only,
+// and the luma/chroma/alpha planes need even sizes (a chroma pair per 2 x 2).
+bool record_valid(const internal_overlay& r) {
+  if (!all_zero(r.reserved1) || r.reserved2 != 0) return false;
+  if (r.type != kType1Bit && !all_zero(r.palette_colors)) return false;
+  return r.type != kTypeYcbcrAlpha || (r.width % 2 == 0 && r.height % 2 == 0);
+}
+
 std::uint32_t new_id(SharedState& s) {
   for (;;) {
     std::uint32_t id = s.next_id;
@@ -39,10 +61,25 @@ std::uint32_t new_id(SharedState& s) {
   }
 }
 
+// A new buffer holds CAMSIM_FRESH_BYTE throughout, as a driver that does not
+// clear its buffers leaves whatever was there: code that relies on zeros
+// shows it.
+void fill_fresh(const Attachment& a, const BufferSlot& b) {
+  static const std::vector<std::uint8_t> pattern(64 * 1024, CAMSIM_FRESH_BYTE);
+  const std::size_t length = std::size_t{b.pages} * kPage;
+  for (std::size_t done = 0; done < length;) {
+    const ssize_t n = pwrite(a.fd, pattern.data(), std::min(pattern.size(), length - done),
+                             static_cast<off_t>(b.offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;  // the pages stay as they were: only the pattern is lost
+    done += static_cast<std::size_t>(n);
+  }
+}
+
 int create_overlay(const Attachment& a, internal_overlay& r) {
   SharedState& s = *a.state;
   if (r.type < 0 || r.type > 8 || r.width == 0 || r.height == 0 || r.nbr_buffers < 1 ||
-      r.nbr_buffers > CAMSIM_MAX_BUFFERS || r.palette_bank > 1 ||
+      r.nbr_buffers > CAMSIM_MAX_BUFFERS || r.palette_bank > 1 || !record_valid(r) ||
       !position_valid(r, r.width, r.height))
     return -EINVAL;
   const std::uint64_t bytes = buffer_bytes(r.type, r.width, r.height);
@@ -50,12 +87,14 @@ int create_overlay(const Attachment& a, internal_overlay& r) {
   if (pages * r.nbr_buffers > kArenaPages) return -ENOMEM;
 
   OverlaySlot* slot = nullptr;
-  for (auto& o : s.overlays)
-    if (o.live == 0) {
+  std::uint32_t live = 0;
+  for (auto& o : s.overlays) {
+    if (o.live != 0)
+      ++live;
+    else if (slot == nullptr)
       slot = &o;
-      break;
-    }
-  if (slot == nullptr) return -ENOMEM;
+  }
+  if (slot == nullptr || live >= s.overlay_limit) return -ENOMEM;
 
   BufferSlot buffers[CAMSIM_MAX_BUFFERS] = {};
   for (std::uint32_t i = 0; i < r.nbr_buffers; ++i) {
@@ -66,6 +105,7 @@ int create_overlay(const Attachment& a, internal_overlay& r) {
       return -ENOMEM;
     }
   }
+  for (std::uint32_t i = 0; i < r.nbr_buffers; ++i) fill_fresh(a, buffers[i]);
   r.id = new_id(s);
   r.buffer_size = static_cast<std::uint32_t>(bytes);
   slot->rec = r;
@@ -80,7 +120,9 @@ int create_overlay(const Attachment& a, internal_overlay& r) {
 
 int modify_overlay(SharedState& s, const internal_overlay& r) {
   OverlaySlot* o = find_overlay(s, r.id);
-  if (o == nullptr || !position_valid(r, o->rec.width, o->rec.height)) return -EINVAL;
+  if (o == nullptr || !all_zero(r.reserved1) || r.reserved2 != 0 ||
+      !position_valid(r, o->rec.width, o->rec.height))
+    return -EINVAL;
   o->rec.x = r.x;
   o->rec.y = r.y;
   o->rec.visible_width = r.visible_width;
@@ -93,8 +135,11 @@ int submit_buffer(SharedState& s, const cam_buffer_submit& b) {
   OverlaySlot* o = find_overlay(s, b.id);
   if (o == nullptr) return -EINVAL;
   for (std::uint32_t i = 0; i < o->rec.nbr_buffers; ++i) {
-    if (o->buffers[i].offset != b.offset) continue;
+    // Only a buffer that get-buffer handed out, and that was not submitted
+    // since, belongs to the submitter.
+    if (o->buffers[i].offset != b.offset || o->buffers[i].held == 0) continue;
     stall_point(s, CAMSIM_SUBMIT_BUFFER);
+    o->buffers[i].held = 0;
     // Showing this buffer is what releases the one shown before.
     o->shown = static_cast<std::int32_t>(i);
     ++o->submit_count;
@@ -106,7 +151,7 @@ int submit_buffer(SharedState& s, const cam_buffer_submit& b) {
 
 int get_buffer(SharedState& s, const cam_buffer_query& q) {
   OverlaySlot* o = find_overlay(s, q.id);
-  if (o == nullptr) return -EINVAL;
+  if (o == nullptr || !all_zero(q.reserved)) return -EINVAL;
   std::uint32_t pick = 0;
   if (o->rec.nbr_buffers > 1) {
     // The buffer handed out longest ago among those not on screen: a writer
@@ -120,6 +165,7 @@ int get_buffer(SharedState& s, const cam_buffer_query& q) {
     }
   }
   o->buffers[pick].handed_seq = ++s.seq;
+  o->buffers[pick].held = 1;
   return static_cast<int>(o->buffers[pick].offset);
 }
 
@@ -137,7 +183,8 @@ int destroy_overlay(const Attachment& a, std::uint32_t id) {
 }
 
 int source_params(SharedState& s, const cam_source_params& p) {
-  if (p.operation != CAM_SOURCE_ADD && p.operation != CAM_SOURCE_REMOVE) return -EINVAL;
+  if ((p.operation != CAM_SOURCE_ADD && p.operation != CAM_SOURCE_REMOVE) || !all_zero(p.reserved))
+    return -EINVAL;
   if (find_overlay(s, p.id) == nullptr) return -EINVAL;
   std::uint32_t* place = nullptr;
   for (auto& src : s.sources)
@@ -157,7 +204,7 @@ int source_params(SharedState& s, const cam_source_params& p) {
 }
 
 int set_palette_color(SharedState& s, const cam_palette_color& c) {
-  if (c.index >= CAMSIM_PALETTE_ENTRIES || c.bank > 1) return -EINVAL;
+  if (c.index >= CAMSIM_PALETTE_ENTRIES || c.bank > 1 || !all_zero(c.reserved)) return -EINVAL;
   s.palette[c.bank][c.index] = c;
   s.palette_written[c.bank][c.index] = 1;
   return 0;
@@ -180,19 +227,19 @@ bool copy_in(Record& rec, const void* arg) {
 
 }  // namespace
 
-bool is_node_path(const char* path) {
-  if (path == nullptr) return false;
+int node_of_path(const char* path) {
+  if (path == nullptr) return -1;
   const std::string_view p(path);
-  if (p == "/dev/camquad") return true;
-  if (!p.starts_with("/dev/cam")) return false;
+  if (p == "/dev/camquad") return CAMSIM_NODE_CAMQUAD;
+  if (!p.starts_with("/dev/cam")) return -1;
   const std::string_view n = p.substr(8);
-  if (n.empty() || n.size() > 2 || (n.size() == 2 && n[0] == '0')) return false;
+  if (n.empty() || n.size() > 2 || (n.size() == 2 && n[0] == '0')) return -1;
   int value = 0;
   for (char c : n) {
-    if (c < '0' || c > '9') return false;
+    if (c < '0' || c > '9') return -1;
     value = value * 10 + (c - '0');
   }
-  return value <= 14;
+  return value <= 14 ? value : -1;
 }
 
 bool is_gpu_path(const char* path) {
@@ -253,8 +300,9 @@ std::uint64_t buffer_bytes(std::int32_t type, std::uint32_t width, std::uint32_t
   }
 }
 
-int run_command(const Attachment& a, unsigned long request, void* arg) {
+int run_command(const Attachment& a, int node, unsigned long request, void* arg) {
   const camsim_command cmd = command_of(request);
+  const bool stream_config = cmd == CAMSIM_GET_STREAM_CONFIG || cmd == CAMSIM_RETURN_STREAM_CONFIG;
 
   // Records are copied in before and out after the locked part, as a kernel
   // copies from and to user memory; a bad pointer then cannot stop a client
@@ -298,7 +346,8 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
     if (!lock.held()) return -EIO;
     SharedState& s = *a.state;
     ++s.calls[cmd];
-    if (cmd == CAMSIM_UNKNOWN_COMMAND) return -ENOTTY;
+    // Overlays, buffers and palettes belong to "/dev/cam0" alone.
+    if (cmd == CAMSIM_UNKNOWN_COMMAND || (!stream_config && node != kOverlayNode)) return -ENOTTY;
     if (s.faults[cmd].remaining > 0) {
       --s.faults[cmd].remaining;
       return -s.faults[cmd].error;
@@ -315,12 +364,19 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
       case CAMSIM_MODIFY_OVERLAY:
         result = modify_overlay(s, rec);
         break;
-      case CAMSIM_GET_OVERLAY:
-        if (const OverlaySlot* o = find_overlay(s, rec.id))
+      case CAMSIM_GET_OVERLAY: {
+        // The driver fills the record: the caller sends nothing but the id.
+        internal_overlay only_id{};
+        only_id.id = rec.id;
+        const OverlaySlot* o = find_overlay(s, rec.id);
+        if (std::memcmp(&rec, &only_id, sizeof rec) != 0)
+          result = -EINVAL;
+        else if (o != nullptr)
           rec = o->rec;
         else
           result = -ENOENT;
         break;
+      }
       case CAMSIM_SUBMIT_BUFFER:
         result = submit_buffer(s, submit);
         break;
@@ -341,6 +397,10 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
       case CAMSIM_GET_STREAM_CONFIG:
       case CAMSIM_RETURN_STREAM_CONFIG: {
         const int channel = channel_of_key(config.channel_key);
+        if (cmd == CAMSIM_GET_STREAM_CONFIG) {
+          s.last_config_node = node;
+          s.last_config_key = config.channel_key;
+        }
         if (channel < 0) {
           result = -EINVAL;
         } else if (cmd == CAMSIM_GET_STREAM_CONFIG) {
@@ -367,6 +427,38 @@ int run_command(const Attachment& a, unsigned long request, void* arg) {
       break;
   }
   return result;
+}
+
+void* map_buffer(const Attachment& a, int node, int open_flags, void* address, std::size_t length,
+                 int prot, int flags, off_t offset) {
+  int error = 0;
+  const int access = open_flags & O_ACCMODE;
+  if (node != kOverlayNode) {
+    error = ENODEV;
+  } else if (access == O_WRONLY ||
+             ((flags & MAP_TYPE) == MAP_SHARED && (prot & PROT_WRITE) != 0 && access != O_RDWR)) {
+    error = EACCES;
+  } else if (length == 0 || offset <= 0) {
+    error = EINVAL;
+  }
+  if (error != 0) {
+    errno = error;
+    return MAP_FAILED;
+  }
+  Lock lock(a);
+  if (!lock.held()) return MAP_FAILED;
+  for (const auto& o : a.state->overlays) {
+    if (o.live != 1) continue;
+    for (std::uint32_t i = 0; i < o.rec.nbr_buffers && i < CAMSIM_MAX_BUFFERS; ++i) {
+      const BufferSlot& b = o.buffers[i];
+      if (b.offset != static_cast<std::uint64_t>(offset) || b.handed_seq == 0) continue;
+      if (length > std::size_t{b.pages} * kPage) break;
+      // Mapped under the lock, so the buffer cannot be freed in between.
+      return libc_mmap(address, length, prot, flags, a.fd, offset);
+    }
+  }
+  errno = EINVAL;
+  return MAP_FAILED;
 }
 
 }  // namespace camsim

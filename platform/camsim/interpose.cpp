@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -37,6 +38,8 @@ using open2_fn = int (*)(const char*, int);
 using openat2_fn = int (*)(int, const char*, int);
 using ioctl_fn = int (*)(int, unsigned long, ...);
 using access_fn = int (*)(const char*, int);
+using mmap_fn = void* (*)(void*, size_t, int, int, int, off_t);
+using mmap64_fn = void* (*)(void*, size_t, int, int, int, off64_t);
 
 // The mode argument exists only when the flags ask for one.
 bool takes_mode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
@@ -63,14 +66,16 @@ int missing(void) {
 
 CAMSIM_INTERPOSED int open(const char* path, int flags, ...) {
   CAMSIM_READ_MODE(mode, flags);
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(open, open_fn);
   return next != nullptr ? next(path, flags, mode) : missing();
 }
 
 CAMSIM_INTERPOSED int open64(const char* path, int flags, ...) {
   CAMSIM_READ_MODE(mode, flags);
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(open64, open_fn);
   return next != nullptr ? next(path, flags, mode) : missing();
 }
@@ -78,39 +83,45 @@ CAMSIM_INTERPOSED int open64(const char* path, int flags, ...) {
 CAMSIM_INTERPOSED int openat(int dirfd, const char* path, int flags, ...) {
   CAMSIM_READ_MODE(mode, flags);
   // Absolute paths ignore dirfd, so only they can name a node.
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(openat, openat_fn);
   return next != nullptr ? next(dirfd, path, flags, mode) : missing();
 }
 
 CAMSIM_INTERPOSED int openat64(int dirfd, const char* path, int flags, ...) {
   CAMSIM_READ_MODE(mode, flags);
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(openat64, openat_fn);
   return next != nullptr ? next(dirfd, path, flags, mode) : missing();
 }
 
 // The fortified variants that _FORTIFY_SOURCE builds call instead.
 CAMSIM_INTERPOSED int __open_2(const char* path, int flags) {
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__open_2, open2_fn);
   return next != nullptr ? next(path, flags) : missing();
 }
 
 CAMSIM_INTERPOSED int __open64_2(const char* path, int flags) {
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__open64_2, open2_fn);
   return next != nullptr ? next(path, flags) : missing();
 }
 
 CAMSIM_INTERPOSED int __openat_2(int dirfd, const char* path, int flags) {
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__openat_2, openat2_fn);
   return next != nullptr ? next(dirfd, path, flags) : missing();
 }
 
 CAMSIM_INTERPOSED int __openat64_2(int dirfd, const char* path, int flags) {
-  if (camsim::is_node_path(path)) return camsim::open_node_descriptor(flags);
+  if (const int node = camsim::node_of_path(path); node >= 0)
+    return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__openat64_2, openat2_fn);
   return next != nullptr ? next(dirfd, path, flags) : missing();
 }
@@ -122,15 +133,60 @@ CAMSIM_INTERPOSED int ioctl(int fd, unsigned long request, ...) noexcept {
   va_end(ap);
   // The descriptor's file says whether it is ours, so descriptors that were
   // dup'ed, inherited over fork or passed over exec are recognised too.
-  if (camsim::is_state_descriptor(fd)) {
+  if (const int node = camsim::node_of_descriptor(fd); node >= 0) {
     const camsim::Attachment* a = camsim::attach_existing();
-    const int rc = a != nullptr ? camsim::run_command(*a, request, arg) : -EIO;
+    const int rc = a != nullptr ? camsim::run_command(*a, node, request, arg) : -EIO;
     if (rc >= 0) return rc;
     errno = -rc;
     return -1;
   }
   auto next = CAMSIM_NEXT(ioctl, ioctl_fn);
   return next != nullptr ? next(fd, request, arg) : missing();
+}
+
+void* camsim::libc_mmap(void* address, std::size_t length, int prot, int flags, int fd,
+                        off_t offset) {
+  auto next = CAMSIM_NEXT(mmap, mmap_fn);
+  if (next != nullptr) return next(address, length, prot, flags, fd, offset);
+  errno = ENOSYS;
+  return MAP_FAILED;
+}
+
+// A node's descriptor maps overlay buffers only, as the driver's own mmap
+// would; every other mapping goes to the C library unchanged.
+template <typename Offset>
+void* map_node(int node, void* address, std::size_t length, int prot, int flags, int fd,
+               Offset offset) {
+  if (static_cast<off_t>(offset) != offset) {
+    errno = EINVAL;
+    return MAP_FAILED;
+  }
+  const camsim::Attachment* a = camsim::attach_existing();
+  const int open_flags = fcntl(fd, F_GETFL);
+  if (a == nullptr || open_flags < 0) return MAP_FAILED;
+  return camsim::map_buffer(*a, node, open_flags, address, length, prot, flags,
+                            static_cast<off_t>(offset));
+}
+
+CAMSIM_INTERPOSED void* mmap(void* address, size_t length, int prot, int flags, int fd,
+                             off_t offset) noexcept {
+  if ((flags & MAP_ANONYMOUS) == 0) {
+    if (const int node = camsim::node_of_descriptor(fd); node >= 0)
+      return map_node(node, address, length, prot, flags, fd, offset);
+  }
+  return camsim::libc_mmap(address, length, prot, flags, fd, offset);
+}
+
+CAMSIM_INTERPOSED void* mmap64(void* address, size_t length, int prot, int flags, int fd,
+                               off64_t offset) noexcept {
+  if ((flags & MAP_ANONYMOUS) == 0) {
+    if (const int node = camsim::node_of_descriptor(fd); node >= 0)
+      return map_node(node, address, length, prot, flags, fd, offset);
+  }
+  auto next = CAMSIM_NEXT(mmap64, mmap64_fn);
+  if (next != nullptr) return next(address, length, prot, flags, fd, offset);
+  errno = ENOSYS;
+  return MAP_FAILED;
 }
 
 CAMSIM_INTERPOSED int access(const char* path, int mode) noexcept {
@@ -146,7 +202,7 @@ CAMSIM_INTERPOSED int access(const char* path, int mode) noexcept {
     errno = ENOENT;
     return -1;
   }
-  if (camsim::is_node_path(path)) return 0;
+  if (camsim::node_of_path(path) >= 0) return 0;
   auto next = CAMSIM_NEXT(access, access_fn);
   return next != nullptr ? next(path, mode) : missing();
 }

@@ -8,10 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <mutex>
+#include <string>
 
 namespace camsim {
 namespace {
@@ -64,6 +67,21 @@ bool lock_file(int fd) {
   return true;
 }
 
+std::string node_name(int node) { return "/camsim_node_" + std::to_string(node); }
+
+// Every node is an empty file of its own, so that a node's descriptor says
+// which node it is and gives no access to the driver's state.
+bool make_node_file(int node, dev_t state_dev, ino_t& ino) {
+  const int fd = shm_open(node_name(node).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) return false;
+  struct stat st {};
+  const bool ok = fstat(fd, &st) == 0 && st.st_dev == state_dev;
+  if (ok) (void)fchmod(fd, 0666);  // every user's processes share them
+  close(fd);
+  ino = st.st_ino;
+  return ok;
+}
+
 const Attachment* do_attach(bool create) {
   if (const Attachment* a = g_attachment.load(std::memory_order_acquire)) return a;
   std::lock_guard guard(g_attach_mutex);
@@ -84,15 +102,18 @@ const Attachment* do_attach(bool create) {
   const bool wrong_size = ok && static_cast<std::uint64_t>(st.st_size) != kFileSize;
   if (ok && wrong_size) ok = ftruncate(fd, static_cast<off_t>(kFileSize)) == 0;
   if (ok && wrong_size) (void)fchmod(fd, 0666);  // every user's processes share it
+  ino_t nodes[CAMSIM_NBR_NODES] = {};
+  for (int n = 0; ok && n < CAMSIM_NBR_NODES; ++n) ok = make_node_file(n, st.st_dev, nodes[n]);
   void* map =
-      ok ? mmap(nullptr, kArenaStart, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+      ok ? libc_mmap(nullptr, kArenaStart, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
   if (map == MAP_FAILED) {
     const int saved = errno;
     close(fd);
     errno = saved;
     return nullptr;
   }
-  g_storage = Attachment{fd, static_cast<SharedState*>(map), st.st_dev, st.st_ino};
+  g_storage = Attachment{fd, static_cast<SharedState*>(map), st.st_dev, st.st_ino, {}};
+  std::copy(std::begin(nodes), std::end(nodes), g_storage.node_ino);
   SharedState& s = *g_storage.state;
   if (wrong_size ||
       std::atomic_ref<std::uint32_t>(s.magic).load(std::memory_order_acquire) != kMagic ||
@@ -109,16 +130,21 @@ const Attachment* attach() { return do_attach(true); }
 
 const Attachment* attach_existing() { return do_attach(false); }
 
-bool is_state_descriptor(int fd) {
+int node_of_descriptor(int fd) {
   struct stat st {};
-  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  // Node files are empty; anything else is no node, without a look at the
+  // driver's state.
+  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size != 0) return -1;
   const int saved = errno;
   const Attachment* a = attach_existing();
   errno = saved;
-  return a != nullptr && a->dev == st.st_dev && a->ino == st.st_ino;
+  if (a == nullptr || a->dev != st.st_dev) return -1;
+  const ino_t* end = std::end(a->node_ino);
+  const ino_t* found = std::find(std::begin(a->node_ino), end, st.st_ino);
+  return found == end ? -1 : static_cast<int>(found - std::begin(a->node_ino));
 }
 
-int open_node_descriptor(int flags) {
+int open_node_descriptor(int node, int flags) {
   const Attachment* a = attach();
   if (a == nullptr) return -1;
   {
@@ -127,7 +153,7 @@ int open_node_descriptor(int flags) {
   }
   // A descriptor of its own (not a dup) so that it behaves as a freshly
   // opened node: own file description, the caller's access mode.
-  const int fd = shm_open(CAMSIM_STATE_NAME, flags & O_ACCMODE, 0);
+  const int fd = shm_open(node_name(node).c_str(), flags & O_ACCMODE, 0);
   if (fd >= 0 && (flags & O_CLOEXEC) == 0) {
     const int fdflags = fcntl(fd, F_GETFD);
     if (fdflags >= 0) (void)fcntl(fd, F_SETFD, fdflags & ~FD_CLOEXEC);
@@ -146,7 +172,10 @@ void reset_locked(const Attachment& a) {
     r[1] = CAMSIM_DEFAULT_HEIGHT;
   }
   s.galcore = 1;
+  s.last_config_node = -1;
+  s.last_config_key = 0;
   s.next_id = 1;
+  s.overlay_limit = CAMSIM_MAX_OVERLAYS;
   s.seq = 0;
   std::memset(s.calls, 0, sizeof s.calls);
   s.refreshes = 0;
@@ -238,6 +267,8 @@ void repair_locked(const Attachment& a) {
     if (!keep) s.sources[i] = 0;
   }
   if (s.next_id == 0 || s.next_id > kMaxId) s.next_id = 1;
+  if (s.overlay_limit == 0 || s.overlay_limit > CAMSIM_MAX_OVERLAYS)
+    s.overlay_limit = CAMSIM_MAX_OVERLAYS;
   // Only a lock holder can be stopped by a stall, and the holder is gone.
   std::atomic_ref<std::uint32_t>(s.stalled).store(0);
 }

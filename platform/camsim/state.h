@@ -13,7 +13,7 @@
 namespace camsim {
 
 inline constexpr std::uint32_t kMagic = 0x4D495343u;  // "CSIM"
-inline constexpr std::uint32_t kLayoutVersion = 1;
+inline constexpr std::uint32_t kLayoutVersion = 4;
 inline constexpr std::size_t kPage = 4096;
 inline constexpr std::size_t kArenaPages = CAMSIM_ARENA_BYTES / kPage;
 inline constexpr std::uint32_t kMaxId = 0x7FFFFFFFu;  // ids stay positive as int32
@@ -22,6 +22,8 @@ struct BufferSlot {
   std::uint32_t offset;  // file offset of the first page; 0 = unused slot
   std::uint32_t pages;
   std::uint64_t handed_seq;  // when it was last handed out; 0 = never
+  std::uint32_t held;        // 1 from get-buffer until the buffer is submitted
+  std::uint32_t unused;
 };
 
 // A live overlay is one whose `live` is 1. Commands set `live` last when
@@ -49,6 +51,7 @@ struct SharedState {
   pthread_mutex_t lock;
 
   std::uint32_t next_id;
+  std::uint32_t overlay_limit;  // live overlays allowed, at most CAMSIM_MAX_OVERLAYS
   std::uint64_t seq;
   OverlaySlot overlays[CAMSIM_MAX_OVERLAYS];
   std::uint32_t sources[CAMSIM_SOURCE_SLOTS];  // overlay ids, 0 = free place
@@ -57,6 +60,8 @@ struct SharedState {
   std::uint32_t resolution[CAMSIM_NBR_CHANNELS][2];
   std::uint32_t galcore;
 
+  std::int32_t last_config_node;  // -1 until a stream configuration get
+  std::uint32_t last_config_key;
   std::uint64_t calls[CAMSIM_NBR_COMMANDS];
   std::uint64_t refreshes;
   std::uint64_t opens;
@@ -72,12 +77,13 @@ inline constexpr std::size_t kFileSize = kArenaStart + CAMSIM_ARENA_BYTES;
 static_assert(kFileSize < 0x80000000u, "buffer offsets must fit a positive ioctl result");
 static_assert(kArenaStart > 0, "offset 0 must never be a buffer");
 
-// This process's view of the state file.
+// This process's view of the state file and of the nodes' files.
 struct Attachment {
   int fd;
   SharedState* state;
   dev_t dev;
   ino_t ino;
+  ino_t node_ino[CAMSIM_NBR_NODES];  // on the same device as the state file
 };
 
 // Attaches on first use, creating and initialising the state file when it
@@ -86,11 +92,14 @@ const Attachment* attach();
 // Attaches only when the state file already exists.
 const Attachment* attach_existing();
 
-// True when `fd` is a descriptor of the state file.
-bool is_state_descriptor(int fd);
+// The node (0 to CAMSIM_NBR_NODES - 1) whose descriptor `fd` is, or -1.
+int node_of_descriptor(int fd);
 
-// Opens a new descriptor of the state file for a node (flags of open()).
-int open_node_descriptor(int flags);
+// Opens a new descriptor of a node (flags of open()).
+int open_node_descriptor(int node, int flags);
+
+// The C library's mmap, for the simulator's own mappings.
+void* libc_mmap(void* address, std::size_t length, int prot, int flags, int fd, off_t offset);
 
 // Brings the state back to its defaults; the caller holds the lock.
 void reset_locked(const Attachment& a);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -65,7 +66,34 @@ std::uint64_t fnv1a(std::string_view text) {
   return hash;
 }
 
-std::vector<std::uint8_t> encode_ovl(const Image& image) {
+// What changes with the bitmap file, whichever way it was replaced: written in
+// place (size, modification and change times), or another file moved or
+// copied over it with an older modification time (inode, change time). It is
+// kept in header bytes 12 on, which loaders do not read.
+constexpr std::size_t kKeyOffset = 12;
+using Key = std::array<std::uint64_t, 7>;
+
+Key key_of(const struct stat& bitmap) {
+  return {static_cast<std::uint64_t>(bitmap.st_dev),
+          static_cast<std::uint64_t>(bitmap.st_ino),
+          static_cast<std::uint64_t>(bitmap.st_size),
+          static_cast<std::uint64_t>(bitmap.st_mtim.tv_sec),
+          static_cast<std::uint64_t>(bitmap.st_mtim.tv_nsec),
+          static_cast<std::uint64_t>(bitmap.st_ctim.tv_sec),
+          static_cast<std::uint64_t>(bitmap.st_ctim.tv_nsec)};
+}
+
+std::array<std::uint8_t, sizeof(Key)> key_bytes(const struct stat& bitmap) {
+  std::array<std::uint8_t, sizeof(Key)> bytes{};
+  std::size_t pos = 0;
+  for (std::uint64_t word : key_of(bitmap)) {
+    for (int i = 0; i < 8; ++i) bytes[pos++] = static_cast<std::uint8_t>(word >> (8 * i));
+  }
+  return bytes;
+}
+static_assert(kKeyOffset + sizeof(Key) <= kOvlHeaderSize);
+
+std::vector<std::uint8_t> encode_ovl(const Image& image, const struct stat& bitmap) {
   std::vector<std::uint8_t> bytes(kOvlHeaderSize + image.argb.size() * 4);
   bytes[0] = 'o';
   bytes[1] = 'g';
@@ -75,6 +103,8 @@ std::vector<std::uint8_t> encode_ovl(const Image& image) {
   bytes[7] = static_cast<std::uint8_t>(image.width >> 8);
   bytes[8] = static_cast<std::uint8_t>(image.height);
   bytes[9] = static_cast<std::uint8_t>(image.height >> 8);
+  const auto key = key_bytes(bitmap);
+  std::copy(key.begin(), key.end(), bytes.begin() + kKeyOffset);
   std::size_t pos = kOvlHeaderSize;
   for (std::uint32_t px : image.argb) {
     bytes[pos++] = static_cast<std::uint8_t>(px);
@@ -111,10 +141,6 @@ bool make_private_dir(const std::string& dir) {
          st.st_uid == geteuid() && (st.st_mode & 022) == 0;
 }
 
-bool newer(const timespec& a, const timespec& b) {
-  return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
-}
-
 }  // namespace
 
 std::optional<CachePlace> cache_place(const char* image_dir, int stream_width, int stream_height) {
@@ -134,29 +160,29 @@ std::optional<CachePlace> cache_place(const char* image_dir, int stream_width, i
 }
 
 bool cache_fresh(const CachePlace& place, const struct stat& bitmap) {
+  const int fd = open(place.file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) {
+    return false;
+  }
+  std::array<std::uint8_t, kOvlHeaderSize> header{};
   struct stat st {};
-  return stat(place.file.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-         newer(st.st_mtim, bitmap.st_mtim);
+  const bool whole =
+      fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+      pread(fd, header.data(), header.size(), 0) == static_cast<ssize_t>(header.size());
+  close(fd);
+  const auto key = key_bytes(bitmap);
+  return whole && std::equal(key.begin(), key.end(), header.begin() + kKeyOffset);
 }
 
 bool cache_store(const CachePlace& place, const Image& image, const struct stat& bitmap) {
   if (!make_private_dir(place.dir)) {
     return false;
   }
+  // The key is that of the bitmap as it was opened: one rewritten while this
+  // conversion ran no longer matches, and is converted again on the next call.
   TempFile temp(place.file + ".XXXXXX");
-  if (temp.fd() < 0 || !write_all(temp.fd(), encode_ovl(image))) {
-    return false;
-  }
-  // Stamped one nanosecond after the bitmap that was read, not with the time
-  // of writing: a bitmap rewritten while this one was being converted is then
-  // newer than the file and is converted again on the next call.
-  timespec stamp = bitmap.st_mtim;
-  if (++stamp.tv_nsec == 1000000000) {
-    stamp.tv_nsec = 0;
-    ++stamp.tv_sec;
-  }
-  const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, stamp};
-  return futimens(temp.fd(), times.data()) == 0 && temp.rename_to(place.file);
+  return temp.fd() >= 0 && write_all(temp.fd(), encode_ovl(image, bitmap)) &&
+         temp.rename_to(place.file);
 }
 
 }  // namespace gridfit

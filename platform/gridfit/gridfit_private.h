@@ -35,7 +35,7 @@ struct CachePlace {
   std::string file;
 };
 std::optional<CachePlace> cache_place(const char* image_dir, int stream_width, int stream_height);
-// True when the file at place is a converted file made from this bitmap.
+// True when the file at place was converted from this bitmap file as it is now.
 bool cache_fresh(const CachePlace& place, const struct stat& bitmap);
 bool cache_store(const CachePlace& place, const Image& image, const struct stat& bitmap);
 

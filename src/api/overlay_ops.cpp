@@ -73,9 +73,13 @@ int overlay_create(overlay* ovl) {
 
 int overlay_destroy(int handle) {
   int kernel_id = 0;
+  // Only a look-up that ran and found nothing is reported; a table that
+  // cannot be mapped or locked fails without this message.
+  bool missing = false;
   int rc = with_locked_table([&](overlay_table* table) {
     overlay_table_entry* entry = overlay_table_get_entry(table, handle);
     if (entry == nullptr) {
+      missing = true;
       return -1;
     }
     kernel_id = entry->data.kernel_id;
@@ -83,7 +87,7 @@ int overlay_destroy(int handle) {
     return 0;
   });
   if (rc != 0) {
-    if (zantrel::table::handle_index(handle) < 0) {
+    if (missing) {
       log_message(LOG_ERR, "libzantrel: Could not get overlay for this handle.\n");
     }
     return -1;

@@ -8,6 +8,8 @@
 #include <glib.h>
 #include <sys/mman.h>
 
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -96,11 +98,20 @@ class CarriedRenderers {
   size_t count_ = 0;
 };
 
+// Composition versions are unique within the process, so that a request
+// filled by an earlier context of the same stream (made again after a
+// resolution change) is never taken as up to date by a new one. A process's
+// first composition is 1; 0 is never handed out.
+int32_t next_version() {
+  static std::atomic<uint32_t> gatherings{0};
+  return static_cast<int32_t>(gatherings.fetch_add(1, std::memory_order_relaxed) % INT32_MAX + 1);
+}
+
 // Takes the lock and gathers the stream's entries afresh; false when the
 // lock cannot be had.
 bool gather(overlay_stream_context* context, CarriedRenderers& renderers) {
   if (overlay_table_lock(context->table) != 0) return false;
-  ++context->version;
+  context->version = next_version();
   context->table_version = table::read_version(context->table->version);
   if (context->stream_table != nullptr) {
     context->stream_version = table::read_version(context->stream_table->version);

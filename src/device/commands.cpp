@@ -64,7 +64,20 @@ using zantrel::log_message;
 
 extern "C" {
 
-int o_open_fd() { return open(kDeviceNode, O_RDWR | O_CLOEXEC); }
+int o_open_fd() {
+  int fd = open(kDeviceNode, O_RDWR | O_CLOEXEC);
+  // A process that closed its standard descriptors would get the device as
+  // one of them: 0 reads as "no descriptor" everywhere, and 1 or 2 would
+  // take the process's output. The device is kept above them.
+  if (fd >= 0 && fd <= STDERR_FILENO) {
+    int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int error = errno;
+    close(fd);
+    errno = error;
+    fd = moved;
+  }
+  return fd;
+}
 
 int o_close_fd(int fd) { return close(fd); }
 

@@ -6,6 +6,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -240,7 +241,12 @@ int o_update_scrolling_text(overlay_entry_data* data, const modifiable_text_cont
     position.x = 0.0f;
     position.visible_width = 1.0f;
   } else if (x >= 0.0) {
-    position.visible_width = static_cast<float>(1.0 - x);
+    // The text is cut at the frame's right edge: the room left there, in
+    // units of the width that visible_width is a fraction of, at most all.
+    const double shown = std::min(data->width, t.overlay.width);
+    const double room = (1.0 - x) * stream;
+    position.visible_width =
+        static_cast<float>(shown > 0.0 ? std::clamp(room / shown, 0.0, 1.0) : 1.0);
   } else {
     position.x = 1.0f;
     position.visible_width = 0.0f;

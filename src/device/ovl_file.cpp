@@ -115,11 +115,17 @@ struct Planes {
   }
 
   // Rows from `first_missing` on have no pixels in the file (the row added to
-  // an odd height): they are made transparent.
-  void clear_alpha_from_row(size_t first_missing) noexcept {
-    if (first_missing < height) {
-      std::fill(alpha.begin() + static_cast<ptrdiff_t>(first_missing * width), alpha.end(),
-                kTransparent);
+  // an odd height): they repeat the luma of the row above and are
+  // transparent. Nothing is left as the driver handed the buffer out.
+  void finish_added_rows(size_t first_missing) noexcept {
+    for (size_t y = first_missing; y < height; ++y) {
+      auto row = luma.subspan(y * width, width);
+      if (y > 0) {
+        std::copy_n(luma.begin() + static_cast<ptrdiff_t>((y - 1) * width), width, row.begin());
+      } else {
+        std::fill(row.begin(), row.end(), uint8_t{0});
+      }
+      std::fill_n(alpha.begin() + static_cast<ptrdiff_t>(y * width), width, kTransparent);
     }
   }
 };
@@ -184,7 +190,7 @@ bool load_packed(int file_fd, uint32_t w, uint32_t h, uint32_t key, Planes& plan
       alpha[x + 1] = lone ? kTransparent : alpha_of(right);
     }
   }
-  planes.clear_alpha_from_row(rows);
+  planes.finish_added_rows(rows);
   return true;
 }
 
@@ -236,7 +242,7 @@ bool load_argb(int file_fd, uint32_t w, uint32_t h, Planes& planes) noexcept {
       }
     }
   }
-  planes.clear_alpha_from_row(rows);
+  planes.finish_added_rows(rows);
   return true;
 }
 
@@ -348,9 +354,9 @@ int load_ovl_file(overlay_image& image, int device_fd, int* id, overlay_entry_da
   }
 
   buffer.reset();
-  if (o_submit_overlay_buffer(device_fd, hardware.id(), offset, 0) != 0) {
-    return -1;
-  }
+  // A refused submission is reported by the command itself; the overlay and
+  // its filled buffer stand, and the next submission can show them.
+  o_submit_overlay_buffer(device_fd, hardware.id(), offset, 0);
   file.reset();
   *id = hardware.release();
   return 0;

@@ -41,7 +41,9 @@ bool create_stream_table(const char* name) {
     log_message(LOG_ERR, "libzantrel: Could not create stream overlay table\n");
     return false;
   }
-  if (ftruncate(fd.get(), kStreamTableSize) != 0) {
+  // The creation mode passes through the umask; every process that can use
+  // the main table must be able to open its stream tables too.
+  if (ftruncate(fd.get(), kStreamTableSize) != 0 || fchmod(fd.get(), kStreamMode) != 0) {
     log_message(LOG_ERR, "libzantrel: error initialising the stream table: %s\n\n",
                 error_text(errno));
     fd.reset();

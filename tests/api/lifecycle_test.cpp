@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "api_test_util.h"
 #include "test_support.h"
@@ -31,25 +32,19 @@ class Lifecycle : public testing::Test {
   }
 };
 
+// As a daemon that closed its standard input: the device is never descriptor 0.
 TEST_F(Lifecycle, InitWithOwnDescriptorMakesTableAndLoadsPalette) {
-  int fd = overlay_init(0);
-  ASSERT_GT(fd, 0);
-  EXPECT_EQ(o_get_fd(), fd);
-  EXPECT_EQ(overlay_table_exists(), 1);
-  cam_palette_color bank[2][16];
-  uint8_t written[2][16];
-  for (unsigned b = 0; b < 2; ++b) {
-    ASSERT_EQ(camsim_read_palette(b, bank[b], written[b]), 0);
-    EXPECT_EQ(written[b][14], 1) << "bank " << b;
-    EXPECT_EQ(written[b][15], 0) << "entry 15 is the driver's own";
-    EXPECT_EQ(bank[b][2].cr, 255) << "red";
-  }
-  EXPECT_TRUE(captured_logs().empty());
-
-  EXPECT_EQ(overlay_deinit(), 0);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_FALSE(fd_open(fd));
-  EXPECT_TRUE(api_test::table_files().empty());
+  EXPECT_EQ(zantrel::test::run_in_child([] {
+              close(0);
+              const int fd = overlay_init(0);
+              const bool bound = fd > 2 && o_get_fd() == fd && !fd_open(0) &&
+                                 overlay_table_exists() == 1 && captured_logs().empty() &&
+                                 camsim_call_count(CAMSIM_SET_PALETTE_COLOR) == 30;  // both banks
+              const bool unbound = overlay_deinit() == 0 && o_get_fd() == 0 && !fd_open(fd) &&
+                                   api_test::table_files().empty();
+              return bound && unbound ? 0 : 1;
+            }),
+            0);
 }
 
 TEST_F(Lifecycle, CallersDescriptorIsNeverClosed) {
@@ -58,9 +53,7 @@ TEST_F(Lifecycle, CallersDescriptorIsNeverClosed) {
   EXPECT_EQ(overlay_init(own), own);
   EXPECT_EQ(o_get_fd(), own);
   EXPECT_EQ(overlay_deinit(), 0);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_TRUE(fd_open(own));
-  EXPECT_TRUE(api_test::table_files().empty());
+  EXPECT_TRUE(o_get_fd() == 0 && fd_open(own) && api_test::table_files().empty());
 
   ASSERT_EQ(overlay_table_init(), 0);
   EXPECT_EQ(overlay_attach(own), own);
@@ -73,17 +66,13 @@ TEST_F(Lifecycle, CallersDescriptorIsNeverClosed) {
 TEST_F(Lifecycle, AttachNeedsTheMainTable) {
   int before = camsim_open_count();
   EXPECT_EQ(overlay_attach(0), -1);
-  EXPECT_EQ(camsim_open_count(), before + 1);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_TRUE(captured_logs().empty());
+  EXPECT_TRUE(camsim_open_count() == before + 1 && o_get_fd() == 0 && captured_logs().empty());
 
   ASSERT_EQ(overlay_table_init(), 0);
   int fd = overlay_attach(0);
   ASSERT_GT(fd, 0);
   EXPECT_EQ(overlay_detach(), 0);
-  EXPECT_EQ(o_get_fd(), 0);
-  EXPECT_FALSE(fd_open(fd));
-  EXPECT_EQ(overlay_table_exists(), 1);
+  EXPECT_TRUE(o_get_fd() == 0 && !fd_open(fd) && overlay_table_exists() == 1);
 }
 
 TEST_F(Lifecycle, ReinitWarnsOnceAndStartsAfresh) {
@@ -125,24 +114,25 @@ TEST_F(Lifecycle, FailedTableCreation) {
 }
 
 TEST_F(Lifecycle, QueriesPassToTheDevice) {
-  ASSERT_EQ(camsim_set_resolution(3, 1280, 720), 0);
+  // Channel 0 asks "/dev/camquad", channel n "/dev/cam<n - 1>", with its key.
   uint32_t width = 1;
   uint32_t height = 1;
-  overlay_get_max_resolution(3, &width, &height);
-  EXPECT_EQ(width, 1280U);
-  EXPECT_EQ(height, 720U);
-  overlay_get_max_resolution(0, &width, &height);
-  EXPECT_EQ(width, 1920U);
-  // Channel 15 asks "/dev/cam14" with its own key; the driver refuses others.
-  ASSERT_EQ(camsim_set_resolution(15, 640, 360), 0);
-  overlay_get_max_resolution(15, &width, &height);
-  EXPECT_EQ(height, 360U);
+  for (auto [channel, node, key] : {std::tuple{0U, CAMSIM_NODE_CAMQUAD, 0xFF00U},
+                                    {1U, 0, 0U},
+                                    {3U, 2, 0x200U},
+                                    {15U, 14, 0xE00U}}) {
+    ASSERT_EQ(camsim_set_resolution(channel, 640 + channel, 360 + channel), 0);
+    overlay_get_max_resolution(channel, &width, &height);
+    int asked = -1;
+    uint32_t asked_key = 1;
+    ASSERT_EQ(camsim_last_stream_config(&asked, &asked_key), 0);
+    EXPECT_EQ(std::tuple(width, height, asked, asked_key),
+              std::tuple(640 + channel, 360 + channel, node, key));
+  }
   long opens = camsim_open_count();
   clear_captured_logs();
   overlay_get_max_resolution(16, &width, &height);
-  EXPECT_EQ(width, 0U);
-  EXPECT_EQ(height, 0U);
-  EXPECT_EQ(camsim_open_count(), opens);
+  EXPECT_EQ(std::tuple(width, height, camsim_open_count()), std::tuple(0U, 0U, opens));
   EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: o_get_max_resolution: Invalid channel.\n"));
   ASSERT_EQ(camsim_inject_fault(CAMSIM_GET_STREAM_CONFIG, 1, EIO), 0);
   width = 5;

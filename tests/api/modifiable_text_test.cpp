@@ -119,20 +119,23 @@ TEST_F(ModifiableText, Scrolling) {
   const struct {
     float x;
     int speed;
-    uint32_t coords;
+    uint32_t coords, width;
     float expected_x, expected_visible;
   } cases[] = {
-      {0.5f, 10, OVERLAY_COORDS_NORMALIZED, 0.5025f, 0.4975f},
-      {0.9999f, 10, OVERLAY_COORDS_NORMALIZED, 0.0f, 1.0f},  // wraps to the left edge
-      {0.0f, -10, OVERLAY_COORDS_NORMALIZED, 1.0f, 0.0f},    // restarts at the right edge
-      {100.0f, 10, 0, 0.0f, 1.0f},                           // pixels: not moved, wrapped
+      {0.5f, 10, OVERLAY_COORDS_NORMALIZED, 1920, 0.5025f, 0.4975f},
+      {0.9999f, 10, OVERLAY_COORDS_NORMALIZED, 1920, 0.0f, 1.0f},  // wraps to the left edge
+      {0.0f, -10, OVERLAY_COORDS_NORMALIZED, 1920, 1.0f, 0.0f},    // restarts at the right edge
+      {100.0f, 10, 0, 1920, 0.0f, 1.0f},                           // pixels: not moved, wrapped
+      // A narrow text is cut only at the frame's edge: 29 of its 48 pixels.
+      {0.5f, 10, OVERLAY_COORDS_NORMALIZED, 48, 0.5048780f, 1.0f},
+      {0.98f, 10, OVERLAY_COORDS_NORMALIZED, 48, 0.9848781f, 0.6048773f},
   };
   const uint32_t id = frame();
   modifiable_text_context* text = o_modifiable_text_context_get(stream_, 7);
   for (const auto& c : cases) {
     overlay_entry_data data = slot_.data;
     overlay_text& t = data.description.text;
-    t.overlay.width = 1920;
+    t.overlay.width = data.width = c.width;
     t.scroll_speed = c.speed;
     t.overlay.position = {c.x, 0.5f, 1.0f, 1.0f, c.coords};
     EXPECT_EQ(o_update_scrolling_text(&data, text, 1920, id), 1);

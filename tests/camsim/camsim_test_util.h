@@ -30,12 +30,8 @@ inline int command(int fd, unsigned long request, void* arg) {
 
 inline internal_overlay record(int type, u32 w, u32 h, u32 buffers = 1, u32 x = 0, u32 y = 0) {
   internal_overlay r{};
-  r.type = type;
-  r.width = r.visible_width = w;
-  r.height = r.visible_height = h;
-  r.nbr_buffers = buffers;
-  r.palette_bank = 1;
-  r.x = x, r.y = y;
+  r.type = type, r.width = r.visible_width = w, r.height = r.visible_height = h;
+  r.nbr_buffers = buffers, r.palette_bank = 1, r.x = x, r.y = y;
   return r;
 }
 
@@ -49,8 +45,7 @@ inline int destroy(int fd, u32 id) {
 }
 
 inline int get_buffer(int fd, u32 id) {
-  cam_buffer_query q{};
-  q.id = id;
+  cam_buffer_query q{id, {}};
   return command(fd, CAM_IOC_GET_BUFFER, &q);
 }
 

@@ -1,5 +1,7 @@
 // Handle sets, destruction, which operations count as a change, stream
 // tables, and the gathering of what a stream shows.
+#include <sys/stat.h>
+
 #include <tuple>
 
 #include "table_test_util.h"
@@ -121,11 +123,14 @@ TEST_F(TableTest, VersionCountsOnlyChangesTheEncoderReads) {
 
 TEST_F(TableTest, StreamTablesAreMadeOnFirstUseAndForeignOnesRefused) {
   int a = make(1), b = make(2);
+  const mode_t mask = umask(022);  // open to every user, as the main table is
   ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, a, 2), 0);
+  umask(mask);
+  struct stat st {};
+  EXPECT_TRUE(stat("/dev/shm/ovl_strm_2", &st) == 0 && (st.st_mode & 0777) == 0666);
   overlay_stream_table* stream = overlay_table_map_stream(2);
   ASSERT_NE(stream, MAP_FAILED);
-  EXPECT_EQ(stream->active, 1u);
-  EXPECT_EQ(stream->version, 1u);
+  EXPECT_EQ(std::tuple(stream->active, stream->version), std::tuple(1u, 1u));
   ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, b, 2), 0);
   EXPECT_EQ(stream->version, 2u);
   EXPECT_EQ(handles_of(stream->handles), set_of({b, a}));
