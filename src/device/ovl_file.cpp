@@ -119,13 +119,12 @@ struct Planes {
   // transparent. Nothing is left as the driver handed the buffer out.
   void finish_added_rows(size_t first_missing) noexcept {
     for (size_t y = first_missing; y < height; ++y) {
-      auto row = luma.subspan(y * width, width);
-      if (y > 0) {
-        std::copy_n(luma.begin() + static_cast<ptrdiff_t>((y - 1) * width), width, row.begin());
-      } else {
-        std::fill(row.begin(), row.end(), uint8_t{0});
+      const auto row = luma.subspan(y * width, width);
+      const auto row_alpha = alpha.subspan(y * width, width);
+      for (size_t x = 0; x < width; ++x) {
+        row[x] = y > 0 ? luma[(y - 1) * width + x] : uint8_t{0};
+        row_alpha[x] = kTransparent;
       }
-      std::fill_n(alpha.begin() + static_cast<ptrdiff_t>(y * width), width, kTransparent);
     }
   }
 };
