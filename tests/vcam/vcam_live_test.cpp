@@ -1,0 +1,127 @@
+// The live camera as a developer uses it: zantrel-vcam --serve, a C program
+// run under camsim-run that leaves a box on every stream and a text on
+// stream 1, the next live pictures, a snapshot and the video, then a stop
+// that leaves nothing behind.
+#include <sys/stat.h>
+
+#include <chrono>
+#include <thread>
+
+#include "camsim.h"
+#include "vcam_test_util.h"
+
+namespace {
+
+using vcam_test::Picture;
+
+// Where live_app.c puts its overlays (pixels); the text is 80 x 30 at 32
+// pixels with a black background, so every pixel of it is drawn.
+constexpr int kBox[] = {24, 40, 48, 32};
+constexpr int kText[] = {120, 100, 80, 30};
+constexpr int kW = 320, kH = 180;  // stream 1; stream 0 is twice as large
+
+// The picture at path once it has been replaced twice, so that it was begun
+// after this call.
+Picture next_picture(const std::string& path) {
+  const auto version = [&] {
+    struct stat s {};
+    stat(path.c_str(), &s);
+    return std::pair(s.st_ino, s.st_mtim.tv_nsec);
+  };
+  auto last = version();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  for (int changes = 0; changes < 2 && std::chrono::steady_clock::now() < deadline;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (const auto now = version(); now != last) {
+      ++changes;
+      last = now;
+    }
+  }
+  return Picture(path);
+}
+
+TEST(VcamLive, ShowsWhatAProgramMadeUntilStopped) {
+  vcam_test::TempDir dir;
+  const std::string d = dir.path();
+  vcam_test::VcamProcess vcam({"--serve", "--streams", "640x360,320x180", "--out", d, "--y4m",
+                               d + "/video.y4m", "--y4m-stream", "1"},
+                              d + "/stdout.txt");
+  ASSERT_TRUE(vcam.wait_for_line("live on 2 streams")) << vcam.stderr_text();
+  vcam_test::VcamProcess app({LIVE_APP}, d + "/app.txt", CAMSIM_RUN);
+  ASSERT_EQ(app.wait(), 0) << app.stderr_text();
+  kill(vcam.pid(), SIGUSR1);
+
+  const Picture live[] = {next_picture(d + "/stream0-640x360.png"),
+                          next_picture(d + "/stream1-320x180.png")};
+  for (int stream : {0, 1}) {
+    SCOPED_TRACE(stream);
+    const Picture& shot = live[stream];
+    ASSERT_TRUE(shot.ok());
+    EXPECT_EQ(shot.drawn_in(kBox[0], kBox[1], kBox[2], kBox[3]), kBox[2] * kBox[3]);
+    EXPECT_EQ(shot.at(kBox[0] + 1, kBox[1] + 1), 0xFFFF0000u);
+    const int text = stream == 1 ? kText[2] * kText[3] : 0;
+    EXPECT_EQ(shot.drawn_in(kText[0], kText[1], kText[2], kText[3]), text);
+    // Nothing anywhere else.
+    EXPECT_EQ(shot.drawn_in(0, 0, shot.width(), shot.height()), kBox[2] * kBox[3] + text);
+  }
+
+  // In a context of its own: the encoder's overlays stay as they were.
+  const int live_overlays = camsim_live_count();
+  vcam_test::VcamProcess snapshot(
+      {"snapshot", "--stream", "1", "--size", "320x180", "-o", d + "/snap.png"}, d + "/snap.txt",
+      ZANTRELCTL);
+  ASSERT_EQ(snapshot.wait(), 0) << snapshot.stderr_text();
+  EXPECT_TRUE(Picture(d + "/snap.png").same_in(live[1], 0, 0, kW, kH));
+  EXPECT_EQ(camsim_live_count(), live_overlays);
+  EXPECT_TRUE(next_picture(d + "/stream1-320x180.png").same_in(live[1], 0, 0, kW, kH));
+
+  ASSERT_EQ(kill(vcam.pid(), SIGTERM), 0);
+  EXPECT_EQ(vcam.wait(), 0) << vcam.stderr_text();
+  EXPECT_NE(vcam.stderr_text().find("destroyed 2 overlays that programs left"), std::string::npos);
+  EXPECT_TRUE(vcam_test::table_files().empty());
+  EXPECT_EQ(camsim_live_count(), 0);
+
+  // Whole frames at the real rate; the last one shows the box in red
+  // (BT.601 studio range: Y 82, Cb 90, Cr 240) over the grey picture.
+  const std::string video = vcam_test::read_text(d + "/video.y4m");
+  const std::string header = "YUV4MPEG2 W320 H180 F30:1 Ip A1:1 C420jpeg\n";
+  ASSERT_EQ(video.substr(0, header.size()), header);
+  const size_t frame = 6 + kW * kH * 3 / 2;
+  EXPECT_EQ((video.size() - header.size()) % frame, 0u);
+  ASSERT_GE(video.size(), header.size() + frame);
+  const auto* last = reinterpret_cast<const uint8_t*>(video.data() + video.size() - frame + 6);
+  const auto chroma = [&](int plane, int x, int y) {
+    return last[kW * kH + plane * kW * kH / 4 + y / 2 * kW / 2 + x / 2];
+  };
+  EXPECT_EQ(last[(kBox[1] + 8) * kW + kBox[0] + 8], 82);
+  EXPECT_EQ(chroma(0, kBox[0] + 8, kBox[1] + 8), 90);
+  EXPECT_EQ(chroma(1, kBox[0] + 8, kBox[1] + 8), 240);
+  EXPECT_EQ(last[0], (66 * 0x40 + 129 * 0x40 + 25 * 0x40 + 128) / 256 + 16);
+}
+
+TEST(VcamLive, SnapshotRefusesBadArguments) {
+  vcam_test::TempDir dir;
+  const std::vector<std::vector<std::string>> cases{
+      {"--size", "320x180", "-o", "x.png"},
+      {"--stream", "1", "-o", "x.png"},
+      {"--stream", "1", "--size", "320x180"},
+      {"--stream", "-1", "--size", "320x180", "-o", "x.png"},
+      {"--stream", "1", "--size", "320x", "-o", "x.png"},
+      {"--stream", "1", "--size", "320x180", "--channel", "16", "-o", "x.png"},
+      {"--stream", "1", "--size", "320x180", "-o", "x.png", "extra"},
+      {"--stream", "1", "--size", "320x180", "--fps", "30", "-o", "x.png"},
+      {"--stream", "1", "--size", "320x180", "-o", dir.path() + "/x.png"}};
+  for (std::vector<std::string> args : cases) {
+    const bool usable = args.back() == dir.path() + "/x.png";
+    args.insert(args.begin(), "snapshot");
+    vcam_test::VcamProcess ctl(args, dir.path() + "/out.txt", ZANTRELCTL);
+    // Every mistake gets the usage; good arguments without an overlay
+    // system running say what to start.
+    EXPECT_EQ(ctl.wait(), usable ? 1 : 2) << args[2];
+    EXPECT_NE(ctl.stderr_text().find(usable ? "zantrel-vcam --serve" : "usage:"), std::string::npos)
+        << ctl.stderr_text();
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir.path() + "/x.png"));
+}
+
+}  // namespace
