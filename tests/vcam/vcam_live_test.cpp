@@ -14,7 +14,7 @@ namespace {
 
 using vcam_test::Picture;
 
-// Where live_app.c puts its overlays (pixels); the text is 80 x 30 at 32
+// Where hello_overlays.c puts its overlays (pixels); the text is 80 x 30 at 32
 // pixels with a black background, so every pixel of it is drawn.
 constexpr int kBox[] = {24, 40, 48, 32};
 constexpr int kText[] = {120, 100, 80, 30};
@@ -47,7 +47,7 @@ TEST(VcamLive, ShowsWhatAProgramMadeUntilStopped) {
                                d + "/video.y4m", "--y4m-stream", "1"},
                               d + "/stdout.txt");
   ASSERT_TRUE(vcam.wait_for_line("live on 2 streams")) << vcam.stderr_text();
-  vcam_test::VcamProcess app({LIVE_APP}, d + "/app.txt", CAMSIM_RUN);
+  vcam_test::VcamProcess app({HELLO_OVERLAYS}, d + "/app.txt", CAMSIM_RUN);
   ASSERT_EQ(app.wait(), 0) << app.stderr_text();
   kill(vcam.pid(), SIGUSR1);
 
