@@ -15,55 +15,6 @@
 
 namespace {
 
-struct StopCase {
-  const char* name;
-  int signal;
-  std::vector<std::string> args;
-  // The line to wait for before stopping; empty: stop at once, while the
-  // processes are still starting or building the scene.
-  std::string after;
-  bool live;  // live, a stop is the ordinary end
-};
-
-void PrintTo(const StopCase& c, std::ostream* out) { *out << c.name; }
-
-class VcamStop : public testing::TestWithParam<StopCase> {};
-
-TEST_P(VcamStop, LeavesNoTableAndNoHardwareOverlay) {
-  const StopCase& c = GetParam();
-  const std::string dir = vcam_test::temp_dir();
-  std::vector<std::string> args = c.args;
-  args.insert(args.end(), {"--out", dir});
-  vcam_test::VcamProcess vcam(args, dir + "/stdout.txt");
-  if (!c.after.empty()) {
-    ASSERT_TRUE(vcam.wait_for_line(c.after)) << vcam.stderr_text();
-  } else {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  // Only the supervisor is told, as by kill(1): it must pass the stop on.
-  ASSERT_EQ(kill(vcam.pid(), c.signal), 0);
-  EXPECT_EQ(vcam.wait(), c.live ? 0 : 128 + c.signal) << vcam.stderr_text();
-  if (!c.after.empty()) {
-    // At once, the signal may come before the handlers exist and end the
-    // process before it has made anything; the status is the same.
-    EXPECT_NE(vcam.stderr_text().find("cleaned up"), std::string::npos) << vcam.stderr_text();
-  }
-  EXPECT_EQ(vcam.stderr_text().find("was not cleaned up"), std::string::npos);
-  EXPECT_TRUE(vcam_test::table_files().empty());
-  EXPECT_EQ(camsim_live_count(), 0);
-}
-
-// Without a terminal the progress is one line a simulated second.
-const std::vector<std::string> kLong{"--seconds", "600"};
-INSTANTIATE_TEST_SUITE_P(
-    Signals, VcamStop,
-    testing::Values(StopCase{"IntDuringVideo", SIGINT, kLong, "frame 30/18000", false},
-                    StopCase{"TermDuringVideo", SIGTERM, kLong, "frame 30/18000", false},
-                    StopCase{"IntAtStart", SIGINT, kLong, "", false},
-                    StopCase{
-                        "IntLiveWithTheScene", SIGINT, {"--serve", "--demo"}, "live on", true}),
-    [](const auto& info) { return std::string(info.param.name); });
-
 // Words of a command line.
 std::vector<std::string> words(const std::string& line) {
   std::istringstream in(line);
@@ -76,6 +27,50 @@ vcam::Options parse(const std::string& line) {
   for (auto& arg : args) argv.push_back(arg.data());
   return vcam::parse_options(static_cast<int>(argv.size()), argv.data());
 }
+
+struct StopCase {
+  const char* name;
+  std::string args;
+  // The line to wait for before stopping; empty: stop at once, while the
+  // processes are still starting or building the scene.
+  std::string after;
+};
+
+void PrintTo(const StopCase& c, std::ostream* out) { *out << c.name; }
+
+class VcamStop : public testing::TestWithParam<StopCase> {};
+
+TEST_P(VcamStop, LeavesNoTableAndNoHardwareOverlay) {
+  const StopCase& c = GetParam();
+  const std::string dir = vcam_test::temp_dir();
+  vcam_test::VcamProcess vcam(words(c.args + " --out " + dir), dir + "/stdout.txt");
+  if (!c.after.empty()) {
+    ASSERT_TRUE(vcam.wait_for_line(c.after)) << vcam.stderr_text();
+  } else {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  // Only the supervisor is told, as by kill(1): it must pass the stop on.
+  // Live, a stop is the ordinary end.
+  ASSERT_EQ(kill(vcam.pid(), SIGINT), 0);
+  EXPECT_EQ(vcam.wait(), c.args.starts_with("--serve") ? 0 : 128 + SIGINT) << vcam.stderr_text();
+  if (!c.after.empty()) {
+    // At once, the signal may come before the handlers exist and end the
+    // process before it has made anything; the status is the same.
+    EXPECT_NE(vcam.stderr_text().find("cleaned up"), std::string::npos) << vcam.stderr_text();
+  }
+  EXPECT_EQ(vcam.stderr_text().find("was not cleaned up"), std::string::npos);
+  EXPECT_TRUE(zantrel::test::table_files().empty());
+  EXPECT_EQ(camsim_live_count(), 0);
+}
+
+// Without a terminal the progress is one line a simulated second. SIGTERM
+// stops the live test's run.
+INSTANTIATE_TEST_SUITE_P(
+    Signals, VcamStop,
+    testing::Values(StopCase{"IntDuringVideo", "--seconds 600", "frame 30/18000"},
+                    StopCase{"IntAtStart", "--seconds 600", ""},
+                    StopCase{"IntLiveWithTheScene", "--serve --demo", "live on"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(VcamUsage, RefusedBeforeAnythingStarts) {
   for (const char* line :

@@ -89,8 +89,6 @@ inline std::string read_text(const std::string& path) {
   return text.str();
 }
 
-using zantrel::test::table_files;
-
 // A PNG read back as 0xAARRGGBB pixels.
 class Picture {
  public:

@@ -113,6 +113,12 @@ class LiveProgress {
     }
   }
 
+  // A line of its own, the progress line after it.
+  void note(const std::string& text) {
+    std::fprintf(stderr, "%szantrel-vcam: %s\n", tty_ ? "\r\033[K" : "", text.c_str());
+    if (tty_) last_ = 0;  // drawn again at the next frame
+  }
+
   void frames_done(uint64_t frames, uint64_t gatherings, uint32_t pictures) {
     const uint64_t every = (tty_ ? 1 : 10) * kFramesPerSecond;
     if (frames / every == last_ / every) {
@@ -254,9 +260,13 @@ class Encoder {
       if (video && !video->write(streams_[config_.y4m_stream].request, ticks)) {
         return video->reader_gone() || signals::stop_requested() ? 0 : 1;
       }
-      if (signals::take_picture_request() || frames >= next_picture) {
-        write_live_pictures();
+      const bool requested = signals::take_picture_request();
+      if (requested || frames >= next_picture) {
+        const bool written = write_live_pictures();
         next_picture = frames + kFramesPerSecond;
+        if (requested && written) {
+          progress.note("pictures of frame " + std::to_string(frames) + " written on request");
+        }
       }
       if (config_.scene && frames >= next_change) {
         if (const int result = ask_for_change(); result != 0) {
@@ -286,13 +296,15 @@ class Encoder {
     return 0;
   }
 
-  void write_live_pictures() {
+  bool write_live_pictures() {
+    bool all = true;
     for (size_t i = 0; i < streams_.size(); ++i) {
       const std::string path = config_.out_dir + "/" + live_picture_name(i, streams_[i].size);
-      if (replace_picture(streams_[i].request, streams_[i].size, path)) {
-        report_.pictures++;
-      }
+      const bool written = replace_picture(streams_[i].request, streams_[i].size, path);
+      report_.pictures += written ? 1 : 0;
+      all = all && written;
     }
+    return all;
   }
 
   int stopped() {
