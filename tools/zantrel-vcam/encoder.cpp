@@ -237,9 +237,10 @@ class Encoder {
     }
     FrameClock clock(kFramesPerSecond);
     std::fprintf(stderr,
-                 "zantrel-vcam: live on %zu streams at %d frames a second; pictures in %s/ every "
+                 "zantrel-vcam: live on %zu stream%s at %d frames a second; pictures in %s/ every "
                  "second and on kill -USR1 %d; Ctrl-C stops\n",
-                 streams_.size(), kFramesPerSecond, config_.out_dir.c_str(), getppid());
+                 streams_.size(), streams_.size() == 1 ? "" : "s", kFramesPerSecond,
+                 config_.out_dir.c_str(), getppid());
     LiveProgress progress;
     constexpr uint64_t kChangeFrames = kSoakChangeSeconds * kFramesPerSecond;
     uint64_t frames = 0;
