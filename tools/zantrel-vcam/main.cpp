@@ -387,6 +387,11 @@ int main(int argc, char** argv) {
     std::fputs(vcam::usage_text().c_str(), stdout);
     return 0;
   }
+  if (options.y4m == "-" && isatty(STDOUT_FILENO) == 1) {
+    std::fputs("zantrel-vcam: --y4m -: standard output is a terminal; pipe it to a player\n",
+               stderr);
+    return vcam::kExitUsage;
+  }
   try {
     return vcam::supervise(options);
   } catch (const std::exception& error) {
