@@ -258,7 +258,10 @@ class Encoder {
       }
       frames += ticks;
       report_.frames = static_cast<uint32_t>(frames);
-      if (video && !video->write(streams_[config_.y4m_stream].request, ticks)) {
+      // Frames missed while a picture was composed are sent again; a longer
+      // gap (a stopped process, a suspended machine) is not filled in.
+      const uint64_t video_frames = std::min<uint64_t>(ticks, kFramesPerSecond);
+      if (video && !video->write(streams_[config_.y4m_stream].request, video_frames)) {
         return video->reader_gone() || signals::stop_requested() ? 0 : 1;
       }
       const bool requested = signals::take_picture_request();
