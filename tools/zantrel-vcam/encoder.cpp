@@ -251,6 +251,9 @@ class Encoder {
       if (ticks == 0) {
         continue;  // a signal: a stop, or a picture request served at the tick
       }
+      // Taken before the frame is set up, so that the pictures asked for show
+      // a frame begun after the asking.
+      const bool requested = signals::take_picture_request();
       timeval now{};
       gettimeofday(&now, nullptr);
       if (!encode_frame(now)) {
@@ -264,7 +267,6 @@ class Encoder {
       if (video && !video->write(streams_[config_.y4m_stream].request, video_frames)) {
         return video->reader_gone() || signals::stop_requested() ? 0 : 1;
       }
-      const bool requested = signals::take_picture_request();
       if (requested || frames >= next_picture) {
         const bool written = write_live_pictures();
         next_picture = frames + kFramesPerSecond;
