@@ -60,7 +60,15 @@ std::string usage_text() {
          "  --out DIR     where the pictures go (default ./out)\n"
          "  --soak        a long run (default an hour, up to a week) with the scene\n"
          "                changing every 4 seconds; prints the processes' sizes,\n"
-         "                descriptors and live hardware overlays at its start and end\n";
+         "                descriptors and live hardware overlays at its start and end\n"
+         "  --serve       live: the owner and the encoder run at 30 frames a second of\n"
+         "                real time until Ctrl-C or SIGTERM, for programs started with\n"
+         "                camsim-run; each stream's picture goes to DIR/streamN-WxH.png\n"
+         "                once a second and at once on SIGUSR1\n"
+         "  --demo        with --serve: the scene too, changing every 4 seconds\n"
+         "  --y4m FILE    with --serve: every frame of one stream as YUV4MPEG2 video;\n"
+         "                - for standard output (zantrel-vcam --serve --y4m - | ffplay -)\n"
+         "  --y4m-stream N  the stream of --y4m (default 0)\n";
 }
 
 std::string to_string(StreamSize size) {
