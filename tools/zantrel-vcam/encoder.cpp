@@ -267,7 +267,8 @@ class Encoder {
       if (video && !video->write(streams_[config_.y4m_stream].request, video_frames)) {
         return video->reader_gone() || signals::stop_requested() ? 0 : 1;
       }
-      if (requested || frames >= next_picture) {
+      // Not once stopping: the application may be taking its scene down.
+      if ((requested || frames >= next_picture) && !signals::stop_requested()) {
         const bool written = write_live_pictures();
         next_picture = frames + kFramesPerSecond;
         if (requested && written) {
