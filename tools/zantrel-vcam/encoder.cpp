@@ -3,6 +3,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -111,12 +112,6 @@ class LiveProgress {
     if (tty_ && shown_) {
       std::fputc('\n', stderr);
     }
-  }
-
-  // A line of its own, the progress line after it.
-  void note(const std::string& text) {
-    std::fprintf(stderr, "%szantrel-vcam: %s\n", tty_ ? "\r\033[K" : "", text.c_str());
-    if (tty_) last_ = 0;  // drawn again at the next frame
   }
 
   void frames_done(uint64_t frames, uint64_t gatherings, uint32_t pictures) {
@@ -230,11 +225,14 @@ class Encoder {
         return waited == 3 ? 0 : waited;
       }
     }
-    std::unique_ptr<Y4mWriter> video;
-    if (config_.y4m_fd >= 0) {
-      video = std::make_unique<Y4mWriter>(config_.y4m_fd, streams_[config_.y4m_stream].size,
-                                          kFramesPerSecond, config_.work_dir + "/video.png");
+    std::vector<LiveOutput::Stream> outputs;
+    for (size_t i = 0; i < streams_.size(); ++i) {
+      outputs.push_back(
+          {streams_[i].size, config_.out_dir + "/" + live_picture_name(i, streams_[i].size)});
     }
+    LiveOutput output(std::move(outputs), config_.y4m_fd, config_.y4m_stream, kFramesPerSecond,
+                      config_.work_dir + "/video.png");
+    std::vector<RequestIds> requests(streams_.size());
     FrameClock clock(kFramesPerSecond);
     std::fprintf(stderr,
                  "zantrel-vcam: live on %zu stream%s at %d frames a second; pictures in %s/ every "
@@ -261,20 +259,19 @@ class Encoder {
       }
       frames += ticks;
       report_.frames = static_cast<uint32_t>(frames);
-      // Frames missed while a picture was composed are sent again; a longer
-      // gap (a stopped process, a suspended machine) is not filled in.
-      const uint64_t video_frames = std::min<uint64_t>(ticks, kFramesPerSecond);
-      if (video && !video->write(streams_[config_.y4m_stream].request, video_frames)) {
-        return video->reader_gone() || signals::stop_requested() ? 0 : 1;
+      if (output.video_ended()) {
+        return output.reader_gone() || signals::stop_requested() ? 0 : 1;
       }
       // Not once stopping: the application may be taking its scene down.
-      if ((requested || frames >= next_picture) && !signals::stop_requested()) {
-        const bool written = write_live_pictures();
+      const bool pictures = (requested || frames >= next_picture) && !signals::stop_requested();
+      if (pictures) {
         next_picture = frames + kFramesPerSecond;
-        if (requested && written) {
-          progress.note("pictures of frame " + std::to_string(frames) + " written on request");
-        }
       }
+      for (size_t i = 0; i < streams_.size(); ++i) {
+        std::copy_n(streams_[i].request.overlay_ids, 8, requests[i].begin());
+      }
+      output.frame_done(requests, ticks, frames, pictures, requested && pictures);
+      report_.pictures = output.pictures();
       if (config_.scene && frames >= next_change) {
         if (const int result = ask_for_change(); result != 0) {
           return result == 3 ? 0 : result;
@@ -301,17 +298,6 @@ class Encoder {
       return 1;
     }
     return 0;
-  }
-
-  bool write_live_pictures() {
-    bool all = true;
-    for (size_t i = 0; i < streams_.size(); ++i) {
-      const std::string path = config_.out_dir + "/" + live_picture_name(i, streams_[i].size);
-      const bool written = replace_picture(streams_[i].request, streams_[i].size, path);
-      report_.pictures += written ? 1 : 0;
-      all = all && written;
-    }
-    return all;
   }
 
   int stopped() {

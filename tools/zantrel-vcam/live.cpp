@@ -1,6 +1,8 @@
 #include "live.h"
 
 #include <cairo.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -39,13 +41,13 @@ std::string live_picture_name(size_t stream, StreamSize size) {
   return "stream" + std::to_string(stream) + "-" + to_string(size) + ".png";
 }
 
-bool replace_picture(const overlay_encreq& request, StreamSize size, const std::string& path) {
+bool replace_picture(const RequestIds& ids, StreamSize size, const std::string& path) {
   const size_t slash = path.rfind('/');
   const std::string scratch = slash == std::string::npos ? "." + path + ".part"
                                                          : path.substr(0, slash + 1) + "." +
                                                                path.substr(slash + 1) + ".part";
-  if (camsim_compose(request.overlay_ids, static_cast<int>(size.width),
-                     static_cast<int>(size.height), scratch.c_str()) < 0 ||
+  if (camsim_compose(ids.data(), static_cast<int>(size.width), static_cast<int>(size.height),
+                     scratch.c_str()) < 0 ||
       rename(scratch.c_str(), path.c_str()) != 0) {
     std::fprintf(stderr, "zantrel-vcam: encoder: cannot write %s: %s\n", path.c_str(),
                  std::strerror(errno));
@@ -55,8 +57,8 @@ bool replace_picture(const overlay_encreq& request, StreamSize size, const std::
   return true;
 }
 
-std::vector<uint32_t> shown_state(const uint32_t ids[8]) {
-  std::vector<uint32_t> state(ids, ids + 8);
+std::vector<uint32_t> shown_state(const RequestIds& ids) {
+  std::vector<uint32_t> state(ids.begin(), ids.end());
   for (int place = 0; place < 8; ++place) {
     camsim_overlay_info info{};
     if (ids[place] == 0 || camsim_get_overlay_info(ids[place], &info) != 0) {
@@ -77,17 +79,22 @@ std::vector<uint32_t> shown_state(const uint32_t ids[8]) {
   return state;
 }
 
-Y4mWriter::Y4mWriter(int fd, StreamSize size, int frames_per_second, std::string scratch_png)
-    : fd_(fd), size_(size), scratch_png_(std::move(scratch_png)) {
+Y4mWriter::Y4mWriter(int fd, StreamSize size, int frames_per_second, std::string scratch_png,
+                     const std::atomic<bool>& stop)
+    : fd_(fd), stop_(stop), size_(size), scratch_png_(std::move(scratch_png)) {
+  const int flags = fcntl(fd_, F_GETFL);
+  if (flags >= 0) {
+    fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
+  }
   // C420jpeg: chroma sited between the pixels of each 2 x 2 block, as the
   // block mean below gives it.
   header_ = "YUV4MPEG2 W" + std::to_string(size.width) + " H" + std::to_string(size.height) + " F" +
             std::to_string(frames_per_second) + ":1 Ip A1:1 C420jpeg\n";
 }
 
-bool Y4mWriter::compose(const overlay_encreq& request) {
-  if (camsim_compose(request.overlay_ids, static_cast<int>(size_.width),
-                     static_cast<int>(size_.height), scratch_png_.c_str()) < 0) {
+bool Y4mWriter::compose(const RequestIds& ids) {
+  if (camsim_compose(ids.data(), static_cast<int>(size_.width), static_cast<int>(size_.height),
+                     scratch_png_.c_str()) < 0) {
     std::fprintf(stderr, "zantrel-vcam: encoder: cannot compose a video frame: %s\n",
                  std::strerror(errno));
     return false;
@@ -139,10 +146,10 @@ bool Y4mWriter::compose(const overlay_encreq& request) {
   return true;
 }
 
-bool Y4mWriter::write(const overlay_encreq& request, uint64_t count) {
-  std::vector<uint32_t> shown = shown_state(request.overlay_ids);
+bool Y4mWriter::write(const RequestIds& ids, uint64_t count) {
+  std::vector<uint32_t> shown = shown_state(ids);
   if (frame_.empty() || shown != shown_) {
-    if (!compose(request)) {
+    if (!compose(ids)) {
       return false;
     }
     shown_ = std::move(shown);
@@ -168,10 +175,15 @@ bool Y4mWriter::send(const void* data, size_t size) {
     if (n >= 0) {
       bytes += n;
       size -= static_cast<size_t>(n);
+    } else if (errno == EAGAIN) {
+      if (stop_.load()) {
+        return false;
+      }
+      // A reader that stopped reading must not hold up a stop.
+      pollfd out{fd_, POLLOUT, 0};
+      poll(&out, 1, 100);
     } else if (errno != EINTR) {
       break;
-    } else if (signals::stop_requested()) {
-      return false;  // a reader that stopped reading must not hold up a stop
     }
   }
   if (size == 0) {
@@ -185,6 +197,78 @@ bool Y4mWriter::send(const void* data, size_t size) {
                  std::strerror(errno));
   }
   return false;
+}
+
+LiveOutput::LiveOutput(std::vector<Stream> streams, int y4m_fd, size_t y4m_stream,
+                       int frames_per_second, const std::string& scratch_png)
+    : streams_(std::move(streams)),
+      y4m_stream_(y4m_stream),
+      frames_per_second_(static_cast<uint64_t>(frames_per_second)),
+      tty_(isatty(STDERR_FILENO) == 1),
+      requests_(streams_.size()) {
+  if (y4m_fd >= 0) {
+    video_ = std::make_unique<Y4mWriter>(y4m_fd, streams_[y4m_stream].size, frames_per_second,
+                                         scratch_png, stop_);
+  }
+  thread_ = std::thread([this] { run(); });
+}
+
+LiveOutput::~LiveOutput() {
+  {
+    std::lock_guard lock(mutex_);
+    stop_ = true;
+  }
+  wake_.notify_one();
+  thread_.join();
+}
+
+void LiveOutput::frame_done(const std::vector<RequestIds>& requests, uint64_t ticks, uint64_t frame,
+                            bool pictures, bool requested) {
+  {
+    std::lock_guard lock(mutex_);
+    requests_ = requests;
+    video_ticks_ += video_ ? ticks : 0;
+    frame_ = frame;
+    pictures_due_ = pictures_due_ || pictures;
+    requested_ = requested_ || requested;
+  }
+  wake_.notify_one();
+}
+
+void LiveOutput::run() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    wake_.wait(lock, [this] { return stop_ || pictures_due_ || video_ticks_ > 0; });
+    if (stop_) {
+      return;
+    }
+    const std::vector<RequestIds> requests = requests_;
+    // At most a second of frames: a longer gap (a stopped process, a
+    // suspended machine) is not filled in.
+    const uint64_t ticks = std::min<uint64_t>(video_ticks_, frames_per_second_);
+    const uint64_t frame = frame_;
+    const bool pictures = pictures_due_;
+    const bool requested = requested_;
+    video_ticks_ = 0;
+    pictures_due_ = false;
+    requested_ = false;
+    lock.unlock();
+    if (ticks > 0 && !video_ended_ && !video_->write(requests[y4m_stream_], ticks)) {
+      reader_gone_ = video_->reader_gone();
+      video_ended_ = true;
+    }
+    bool written = pictures;
+    for (size_t i = 0; pictures && i < streams_.size(); ++i) {
+      const bool ok = replace_picture(requests[i], streams_[i].size, streams_[i].picture_path);
+      pictures_ += ok ? 1 : 0;
+      written = written && ok;
+    }
+    if (requested && written) {
+      std::fprintf(stderr, "%szantrel-vcam: pictures of frame %llu written on request\n",
+                   tty_ ? "\r\033[K" : "", static_cast<unsigned long long>(frame));
+    }
+    lock.lock();
+  }
 }
 
 }  // namespace vcam
