@@ -1,15 +1,13 @@
-// Running zantrel-vcam from a test and reading back its pictures.
+// Running zantrel-vcam and the other tools from a test, and reading back
+// their pictures.
 #pragma once
 
 #include <cairo.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -25,20 +23,14 @@ namespace vcam_test {
 
 // A scratch directory in the test process's private /dev/shm, which goes
 // with the process.
-class TempDir {
- public:
-  const std::string& path() const { return path_; }
+inline std::string temp_dir() {
+  std::string path = "/dev/shm/vcam-test.XXXXXX";
+  EXPECT_NE(mkdtemp(path.data()), nullptr);
+  return path;
+}
 
- private:
-  std::string path_ = [] {
-    std::string path = "/dev/shm/vcam-test.XXXXXX";
-    EXPECT_NE(mkdtemp(path.data()), nullptr);
-    return path;
-  }();
-};
-
-// zantrel-vcam started with args; stdout goes to a file, stderr to a pipe
-// that the test reads.
+// A program (zantrel-vcam unless told) started with args; stdout goes to a
+// file, stderr to a pipe that the test reads.
 class VcamProcess {
  public:
   VcamProcess(std::vector<std::string> args, const std::string& stdout_path,
@@ -46,26 +38,22 @@ class VcamProcess {
     int err[2];
     EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
     args.insert(args.begin(), program);
-    pid_ = fork();
-    if (pid_ == 0) {
+    pid_ = zantrel::test::spawn_child([&] {
       dup2(open(stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
       dup2(err[1], STDERR_FILENO);
       std::vector<char*> argv;
       for (auto& arg : args) argv.push_back(arg.data());
       argv.push_back(nullptr);
       execv(argv[0], argv.data());
-      _exit(127);
-    }
+      return 127;
+    });
     close(err[1]);
     err_ = fdopen(err[0], "r");
   }
   VcamProcess(const VcamProcess&) = delete;
   VcamProcess& operator=(const VcamProcess&) = delete;
   ~VcamProcess() {
-    if (pid_ > 0 && status_ < 0) {
-      kill(pid_, SIGKILL);
-      wait();
-    }
+    if (pid_ > 0 && status_ < 0 && kill(pid_, SIGKILL) == 0) wait();
     std::fclose(err_);
   }
 
@@ -73,8 +61,7 @@ class VcamProcess {
 
   // Reads stderr until a line contains text; false at end of file.
   bool wait_for_line(const std::string& text) {
-    char line[4096];
-    while (std::fgets(line, sizeof line, err_) != nullptr) {
+    for (char line[4096]; std::fgets(line, sizeof line, err_) != nullptr;) {
       stderr_ += line;
       if (std::strstr(line, text.c_str()) != nullptr) return true;
     }
@@ -84,12 +71,7 @@ class VcamProcess {
   // The exit status (128 + signal when killed); reads the rest of stderr.
   int wait() {
     wait_for_line("\x01never");
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0) {
-      if (errno != EINTR) return -1;
-    }
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return status_;
+    return status_ = zantrel::test::wait_child(pid_);
   }
 
   const std::string& stderr_text() const { return stderr_; }
@@ -102,13 +84,10 @@ class VcamProcess {
 };
 
 inline std::string read_text(const std::string& path) {
-  std::ifstream file(path);
   std::stringstream text;
-  text << file.rdbuf();
+  text << std::ifstream(path).rdbuf();
   return text.str();
 }
-
-using zantrel::test::table_files;
 
 // A PNG read back as 0xAARRGGBB pixels.
 class Picture {
@@ -120,9 +99,8 @@ class Picture {
   int height() const { return cairo_image_surface_get_height(surface_.get()); }
   uint32_t at(int x, int y) const {
     const auto* data = cairo_image_surface_get_data(surface_.get());
-    const int stride = cairo_image_surface_get_stride(surface_.get());
     uint32_t pixel = 0;
-    std::memcpy(&pixel, data + static_cast<ptrdiff_t>(y) * stride + 4 * x, 4);
+    std::memcpy(&pixel, data + y * cairo_image_surface_get_stride(surface_.get()) + 4 * x, 4);
     return cairo_image_surface_get_format(surface_.get()) == CAIRO_FORMAT_RGB24 ? pixel | 0xFF000000
                                                                                 : pixel;
   }
@@ -133,21 +111,14 @@ class Picture {
   // Pixels of the rectangle that are not the test picture.
   int drawn_in(int x0, int y0, int w, int h) const {
     int drawn = 0;
-    for (int y = y0; y < y0 + h && y < height(); ++y) {
-      for (int x = x0; x < x0 + w && x < width(); ++x) {
-        drawn += background_at(x, y) ? 0 : 1;
-      }
-    }
+    for (int y = y0; y < y0 + h && y < height(); ++y)
+      for (int x = x0; x < x0 + w && x < width(); ++x) drawn += background_at(x, y) ? 0 : 1;
     return drawn;
   }
   bool same_in(const Picture& other, int x0, int y0, int w, int h) const {
-    for (int y = y0; y < y0 + h; ++y) {
-      for (int x = x0; x < x0 + w; ++x) {
-        if (at(x, y) != other.at(x, y)) {
-          return false;
-        }
-      }
-    }
+    for (int y = y0; y < y0 + h; ++y)
+      for (int x = x0; x < x0 + w; ++x)
+        if (at(x, y) != other.at(x, y)) return false;
     return true;
   }
 
@@ -157,12 +128,10 @@ class Picture {
 
 // Channel by channel within tolerance; alpha included.
 inline bool near_color(uint32_t a, uint32_t b, int tolerance) {
-  for (int shift = 0; shift < 32; shift += 8) {
-    const int d = static_cast<int>((a >> shift) & 0xFF) - static_cast<int>((b >> shift) & 0xFF);
-    if (d > tolerance || d < -tolerance) {
+  for (int shift = 0; shift < 32; shift += 8)
+    if (std::abs(static_cast<int>((a >> shift) & 0xFF) - static_cast<int>((b >> shift) & 0xFF)) >
+        tolerance)
       return false;
-    }
-  }
   return true;
 }
 

@@ -1,13 +1,16 @@
 #include "encoder.h"
 
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
 
 #include "camsim.h"
 #include "ipc.h"
+#include "live.h"
 #include "pictures.h"
 #include "report.h"
 #include "scene.h"
@@ -98,6 +101,46 @@ class Progress {
   bool shown_ = false;
 };
 
+// Live: a line that rewrites itself every second on a terminal; a line every
+// ten seconds otherwise.
+class LiveProgress {
+ public:
+  LiveProgress() : tty_(isatty(STDERR_FILENO) == 1) {}
+  LiveProgress(const LiveProgress&) = delete;
+  LiveProgress& operator=(const LiveProgress&) = delete;
+  ~LiveProgress() {
+    if (tty_ && shown_) {
+      std::fputc('\n', stderr);
+    }
+  }
+
+  void frames_done(uint64_t frames, uint64_t gatherings, uint32_t pictures) {
+    const uint64_t every = (tty_ ? 1 : 10) * kFramesPerSecond;
+    if (frames / every == last_ / every) {
+      return;
+    }
+    last_ = frames;
+    const time_t now = time(nullptr);
+    tm parts{};
+    localtime_r(&now, &parts);
+    char clock[16];
+    std::strftime(clock, sizeof clock, "%H:%M:%S", &parts);
+    std::fprintf(stderr,
+                 "%szantrel-vcam: live %s  frame %llu  gatherings %llu  hardware overlays %d  "
+                 "pictures %u%s",
+                 tty_ ? "\r" : "", clock, static_cast<unsigned long long>(frames),
+                 static_cast<unsigned long long>(gatherings), camsim_live_count(), pictures,
+                 tty_ ? "\033[K" : "\n");
+    std::fflush(stderr);
+    shown_ = true;
+  }
+
+ private:
+  bool tty_;
+  bool shown_ = false;
+  uint64_t last_ = 0;
+};
+
 class Encoder {
  public:
   Encoder(const EncoderConfig& config, int link_fd) : config_(config), link_fd_(link_fd) {
@@ -116,8 +159,9 @@ class Encoder {
       std::fputs("zantrel-vcam: encoder: tokenfill_init failed\n", stderr);
       return false;
     }
-    // UTC, so that the clock reads the same on every machine.
-    tokenfill_->use_local_time = 0;
+    // A run's clock is UTC, so that it reads the same on every machine; live,
+    // it is the machine's local time, as on a camera.
+    tokenfill_->use_local_time = config_.live ? 1 : 0;
     constexpr uint32_t kAllOverlays =
         OVERLAY_FILTER_LEGACY | OVERLAY_FILTER_NON_LEGACY | OVERLAY_FILTER_PLAIN;
     for (size_t i = 0; i < config_.streams.size(); ++i) {
@@ -136,15 +180,8 @@ class Encoder {
 
   // 0 when the whole timeline ran, 1 on failure, 3 when stopped.
   int run() {
-    char message = 0;
-    const Receive ready = receive_byte(link_fd_, message);
-    if (ready == Receive::kStopped) {
-      return stopped();
-    }
-    if (ready != Receive::kByte || message != kSceneReady) {
-      std::fputs("zantrel-vcam: encoder: the application ended before its scene was ready\n",
-                 stderr);
-      return 1;
+    if (const int waited = wait_for_scene(); waited != 0) {
+      return waited;
     }
     Progress progress(config_.timeline.frames);
     auto capture = config_.timeline.captures.begin();
@@ -160,9 +197,10 @@ class Encoder {
         }
         ++change;
       }
-      if (!encode_frame(frame)) {
+      if (!encode_frame(frame_time(frame))) {
         return 1;
       }
+      report_.frames = static_cast<uint32_t>(frame + 1);
       if (frame == config_.timeline.baseline_frame) {
         report_.start = take_figures(frame);
       }
@@ -180,9 +218,88 @@ class Encoder {
     return 0;
   }
 
+  // Live: 0 when stopped or when the video's reader is gone, 1 on failure.
+  int serve() {
+    if (config_.scene) {
+      if (const int waited = wait_for_scene(); waited != 0) {
+        return waited == 3 ? 0 : waited;
+      }
+    }
+    std::vector<LiveOutput::Stream> outputs;
+    for (size_t i = 0; i < streams_.size(); ++i) {
+      outputs.push_back(
+          {streams_[i].size, config_.out_dir + "/" + live_picture_name(i, streams_[i].size)});
+    }
+    LiveOutput output(std::move(outputs), config_.y4m_fd, config_.y4m_stream, kFramesPerSecond,
+                      config_.work_dir + "/video.png");
+    std::vector<RequestIds> requests(streams_.size());
+    FrameClock clock(kFramesPerSecond);
+    std::fprintf(stderr,
+                 "zantrel-vcam: live on %zu stream%s at %d frames a second; pictures in %s/ every "
+                 "second and on kill -USR1 %d; Ctrl-C stops\n",
+                 streams_.size(), streams_.size() == 1 ? "" : "s", kFramesPerSecond,
+                 config_.out_dir.c_str(), getppid());
+    LiveProgress progress;
+    constexpr uint64_t kChangeFrames = kSoakChangeSeconds * kFramesPerSecond;
+    uint64_t frames = 0;
+    uint64_t next_picture = 0;
+    uint64_t next_change = kChangeFrames;
+    while (!signals::stop_requested()) {
+      const uint64_t ticks = clock.wait();
+      if (ticks == 0) {
+        continue;  // a signal: a stop, or a picture request served at the tick
+      }
+      // Taken before the frame is set up, so that the pictures asked for show
+      // a frame begun after the asking.
+      const bool requested = signals::take_picture_request();
+      timeval now{};
+      gettimeofday(&now, nullptr);
+      if (!encode_frame(now)) {
+        return 1;
+      }
+      frames += ticks;
+      report_.frames = static_cast<uint32_t>(frames);
+      if (output.video_ended()) {
+        return output.reader_gone() || signals::stop_requested() ? 0 : 1;
+      }
+      // Not once stopping: the application may be taking its scene down.
+      const bool pictures = (requested || frames >= next_picture) && !signals::stop_requested();
+      if (pictures) {
+        next_picture = frames + kFramesPerSecond;
+      }
+      for (size_t i = 0; i < streams_.size(); ++i) {
+        std::copy_n(streams_[i].request.overlay_ids, 8, requests[i].begin());
+      }
+      output.frame_done(requests, ticks, frames, pictures, requested && pictures);
+      report_.pictures = output.pictures();
+      if (config_.scene && frames >= next_change) {
+        if (const int result = ask_for_change(); result != 0) {
+          return result == 3 ? 0 : result;
+        }
+        next_change = frames + kChangeFrames;
+      }
+      progress.frames_done(frames, total_gatherings(), report_.pictures);
+    }
+    return 0;
+  }
+
   const EncoderReport& report() const { return report_; }
 
  private:
+  int wait_for_scene() {
+    char message = 0;
+    const Receive ready = receive_byte(link_fd_, message);
+    if (ready == Receive::kStopped) {
+      return stopped();
+    }
+    if (ready != Receive::kByte || message != kSceneReady) {
+      std::fputs("zantrel-vcam: encoder: the application ended before its scene was ready\n",
+                 stderr);
+      return 1;
+    }
+    return 0;
+  }
+
   int stopped() {
     report_.interrupted = 1;
     return 3;
@@ -205,8 +322,7 @@ class Encoder {
     return 0;
   }
 
-  bool encode_frame(int frame) {
-    timeval time = frame_time(frame);
+  bool encode_frame(timeval time) {
     const overlay_expansion_params params{tokenfill_.get(), &time};
     const DriverCounts before;
     for (size_t i = 0; i < streams_.size(); ++i) {
@@ -244,7 +360,6 @@ class Encoder {
     report_.overlays_created += static_cast<uint64_t>(after.creates - before.creates);
     report_.overlays_destroyed += static_cast<uint64_t>(after.destroys - before.destroys);
     report_.refreshes += static_cast<uint64_t>(after.refreshes - before.refreshes);
-    report_.frames = static_cast<uint32_t>(frame + 1);
     return true;
   }
 
@@ -296,7 +411,7 @@ int run_encoder(const EncoderConfig& config, int link_fd, int report_fd) {
   {
     Encoder encoder(config, link_fd);
     if (encoder.open_streams()) {
-      result = encoder.run();
+      result = config.live ? encoder.serve() : encoder.run();
     }
     report = encoder.report();
   }

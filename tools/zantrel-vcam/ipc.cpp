@@ -48,12 +48,15 @@ namespace signals {
 namespace {
 
 volatile sig_atomic_t g_stop_signal = 0;
+volatile sig_atomic_t g_picture_requested = 0;
 std::atomic<int> g_wake_write{-1};
 int g_wake_read = -1;
 
 void on_signal(int signal) {
   const int saved = errno;
-  if (signal != SIGCHLD) {
+  if (signal == SIGUSR1) {
+    g_picture_requested = 1;
+  } else if (signal != SIGCHLD) {
     g_stop_signal = signal;
   }
   const int fd = g_wake_write.load(std::memory_order_relaxed);
@@ -89,6 +92,7 @@ void install(bool watch_children) {
   action.sa_flags = 0;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGUSR1, &action, nullptr);
   if (watch_children) {
     action.sa_flags = SA_NOCLDSTOP;
     sigaction(SIGCHLD, &action, nullptr);
@@ -106,6 +110,7 @@ sigset_t block() {
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGCHLD);
+  sigaddset(&set, SIGUSR1);
   sigprocmask(SIG_BLOCK, &set, &old);
   return old;
 }
@@ -116,11 +121,17 @@ void set_default_for_exec() {
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
   signal(SIGCHLD, SIG_DFL);
+  signal(SIGUSR1, SIG_DFL);
   signal(SIGPIPE, SIG_DFL);
 }
 
 int stop_signal() { return g_stop_signal; }
 bool stop_requested() { return g_stop_signal != 0; }
+bool take_picture_request() {
+  const bool requested = g_picture_requested != 0;
+  g_picture_requested = 0;
+  return requested;
+}
 int wake_fd() { return g_wake_read; }
 
 void drain() {

@@ -38,7 +38,8 @@ FdPair make_pipe();
 // A connected pair of stream sockets; throws std::system_error.
 FdPair make_socket_pair();
 
-// SIGINT and SIGTERM ask the process to stop; SIGCHLD only wakes it. The
+// SIGINT and SIGTERM ask the process to stop; SIGUSR1 asks for pictures now;
+// SIGCHLD only wakes it. The
 // handlers write to a pipe of this process, which waits poll together with
 // the descriptor they wait for.
 namespace signals {
@@ -46,16 +47,18 @@ namespace signals {
 // Installs the handlers with a fresh wake-up pipe; a forked child calls it
 // again so that it does not share its parent's pipe.
 void install(bool watch_children);
-// Blocks SIGINT, SIGTERM and SIGCHLD and returns the former mask, so that a
+// Blocks SIGINT, SIGTERM, SIGCHLD and SIGUSR1 and returns the former mask, so that a
 // fork can hand the child over to its own handlers without losing a signal.
 sigset_t block();
 void restore(const sigset_t& mask);
-// Puts the three back to their default action (for a forked child's exec).
+// Puts the four back to their default action (for a forked child's exec).
 void set_default_for_exec();
 
 // The stopping signal seen so far, 0 when none.
 int stop_signal();
 bool stop_requested();
+// Whether SIGUSR1 came since the last call.
+bool take_picture_request();
 int wake_fd();
 // Empties the wake-up pipe.
 void drain();

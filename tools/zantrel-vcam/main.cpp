@@ -2,8 +2,11 @@
 // driver as it runs on the camera, in separate processes: an owner that makes
 // and removes the shared tables, an application that builds a scene, and an
 // encoder that sets up every frame's encode request on each stream. This
-// process only supervises: it starts them in order, passes Ctrl-C on, waits,
-// checks that nothing is left behind, and prints the summary.
+// process only supervises: it starts them in order, passes Ctrl-C (and, live,
+// picture requests) on, waits, checks that nothing is left behind, and prints
+// the summary. Live (--serve), the scene is left out unless asked for, and
+// the camera runs for the programs that others start on the same driver.
+#include <fcntl.h>
 #include <glob.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -17,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -220,12 +224,27 @@ int supervise(const Options& options) {
     return kExitFailure;
   }
   const TempDir work;
-  const Timeline timeline = make_timeline(options.seconds, options.soak);
+  const Timeline timeline = make_timeline(options.serve ? 1 : options.seconds, options.soak);
+  // Opened here, so that a bad path fails before anything starts; a FIFO
+  // waits for its reader.
+  Fd y4m_file;
+  if (!options.y4m.empty() && options.y4m != "-") {
+    y4m_file = Fd(open(options.y4m.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!y4m_file) {
+      std::fprintf(stderr, "zantrel-vcam: cannot open %s: %s\n", options.y4m.c_str(),
+                   std::strerror(errno));
+      return signals::stop_requested() ? 128 + signals::stop_signal() : kExitFailure;
+    }
+  }
+  const int y4m_fd = options.y4m.empty() ? -1 : options.y4m == "-" ? STDOUT_FILENO : y4m_file.get();
+  std::FILE* const summary_out = y4m_fd == STDOUT_FILENO ? stderr : stdout;
 
   FdPair owner_ready = make_pipe();
   FdPair owner_quit = make_pipe();
-  Child owner("owner", [&] { return run_owner(owner_ready.write.get(), owner_quit.read.get()); },
-              {owner_ready.read.get(), owner_quit.write.get()});
+  Child owner(
+      "owner",
+      [&] { return run_owner(owner_ready.write.get(), owner_quit.read.get(), options.serve); },
+      {owner_ready.read.get(), owner_quit.write.get()});
   owner_ready.write.reset();
   owner_quit.read.reset();
   // Declared after the owner, so that on an early return or exception it is
@@ -256,10 +275,26 @@ int supervise(const Options& options) {
     SceneConfig scene{options.streams, work.path(), find_logo(), find_ovlconv()};
     std::vector<int> app_closes = supervisor_fds;
     app_closes.insert(app_closes.end(), {link.write.get(), report_pipe.write.get()});
-    Child app(
-        "application", [&] { return run_application(scene, link.read.get()); }, app_closes);
-    const EncoderConfig encoder_config{options.streams, timeline, options.out_dir, owner.pid(),
-                                       app.pid()};
+    if (y4m_file) {
+      app_closes.push_back(y4m_file.get());
+    }
+    const bool with_scene = !options.serve || options.demo;
+    std::optional<Child> app;
+    if (with_scene) {
+      app.emplace(
+          "application", [&] { return run_application(scene, link.read.get()); }, app_closes);
+    }
+    EncoderConfig encoder_config;
+    encoder_config.streams = options.streams;
+    encoder_config.timeline = timeline;
+    encoder_config.out_dir = options.out_dir;
+    encoder_config.owner_pid = owner.pid();
+    encoder_config.application_pid = app ? app->pid() : 0;
+    encoder_config.live = options.serve;
+    encoder_config.scene = with_scene;
+    encoder_config.y4m_fd = y4m_fd;
+    encoder_config.y4m_stream = options.y4m_stream;
+    encoder_config.work_dir = work.path();
     std::vector<int> encoder_closes = supervisor_fds;
     encoder_closes.push_back(link.read.get());
     Child encoder(
@@ -271,19 +306,25 @@ int supervise(const Options& options) {
     report_pipe.write.reset();
 
     bool forwarded = false;
-    while (!app.poll() || !encoder.poll()) {
+    while (!(app ? app->poll() : true) || !encoder.poll()) {
       if (signals::stop_requested() && !forwarded) {
         // Ctrl-C on a terminal reaches them too; a kill of this process
         // alone does not.
-        app.stop();
+        if (app) {
+          app->stop();
+        }
         encoder.stop();
         forwarded = true;
       }
-      wait_readable(signals::wake_fd(), 200, /*ignore_stop=*/true);
+      if (signals::take_picture_request() && encoder.running()) {
+        kill(encoder.pid(), SIGUSR1);
+      }
+      // Every signal, a child's end included, writes to the wake-up pipe.
+      wait_readable(signals::wake_fd(), -1, /*ignore_stop=*/true);
       signals::drain();
     }
     have_report = read_all(report_pipe.read.get(), &report, sizeof report);
-    app_code = app.exit_code();
+    app_code = app ? app->exit_code() : 0;
     encoder_code = encoder.exit_code();
   }
 
@@ -294,14 +335,14 @@ int supervise(const Options& options) {
 
   const Leftovers leftovers = find_leftovers();
   bool sheet = false;
-  if (have_report && !stopped && encoder_code == 0 && report.pictures > 0) {
+  if (have_report && !options.serve && !stopped && encoder_code == 0 && report.pictures > 0) {
     sheet = write_contact_sheet(options.out_dir, options.streams, timeline.captures,
                                 timeline.change_frame);
   }
   const double wall =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (have_report) {
-    print_summary(stdout, report, options.streams, leftovers, wall, options.out_dir, sheet);
+    print_summary(summary_out, report, options.streams, leftovers, wall, options.out_dir, sheet);
   } else if (!leftovers.tables.empty() || leftovers.live_overlays != 0) {
     std::fprintf(stderr, "zantrel-vcam: left behind: %d hardware overlays, %zu shared tables\n",
                  leftovers.live_overlays, leftovers.tables.size());
@@ -314,7 +355,12 @@ int supervise(const Options& options) {
   if (stopped) {
     std::fprintf(stderr, "zantrel-vcam: stopped by signal %d; cleaned up\n",
                  signals::stop_signal());
-    return 128 + signals::stop_signal();
+    // Live, a stop is how a run ends.
+    const bool app_ok = app_code == 0 || app_code == kExitStopped;
+    if (!options.serve || !owner_up || owner.exit_code() != 0 || !app_ok || encoder_code != 0) {
+      return 128 + signals::stop_signal();
+    }
+    return 0;
   }
   const bool ok_codes = owner.exit_code() == 0 && app_code == 0 && encoder_code == 0;
   if (!owner_up || !ok_codes || !have_report) {
@@ -340,6 +386,11 @@ int main(int argc, char** argv) {
   if (options.help) {
     std::fputs(vcam::usage_text().c_str(), stdout);
     return 0;
+  }
+  if (options.y4m == "-" && isatty(STDOUT_FILENO) == 1) {
+    std::fputs("zantrel-vcam: --y4m -: standard output is a terminal; pipe it to a player\n",
+               stderr);
+    return vcam::kExitUsage;
   }
   try {
     return vcam::supervise(options);

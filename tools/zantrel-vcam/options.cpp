@@ -51,6 +51,8 @@ std::vector<StreamSize> parse_streams(const std::string& text) {
 
 std::string usage_text() {
   return "usage: zantrel-vcam [--soak] [--seconds N] [--streams WxH[,WxH...]] [--out DIR]\n"
+         "       zantrel-vcam --serve [--demo] [--y4m FILE|- [--y4m-stream N]]\n"
+         "                    [--streams WxH[,WxH...]] [--out DIR]\n"
          "  Runs the camera's overlay system on the simulated driver: an owner, an\n"
          "  application that builds a scene, and an encoder with one context per stream.\n"
          "  --seconds N   simulated seconds of video at 30 frames a second (default 10)\n"
@@ -58,7 +60,15 @@ std::string usage_text() {
          "  --out DIR     where the pictures go (default ./out)\n"
          "  --soak        a long run (default an hour, up to a week) with the scene\n"
          "                changing every 4 seconds; prints the processes' sizes,\n"
-         "                descriptors and live hardware overlays at its start and end\n";
+         "                descriptors and live hardware overlays at its start and end\n"
+         "  --serve       live: the owner and the encoder run at 30 frames a second of\n"
+         "                real time until Ctrl-C or SIGTERM, for programs started with\n"
+         "                camsim-run; each stream's picture goes to DIR/streamN-WxH.png\n"
+         "                once a second and at once on SIGUSR1\n"
+         "  --demo        with --serve: the scene too, changing every 4 seconds\n"
+         "  --y4m FILE    with --serve: every frame of one stream as YUV4MPEG2 video;\n"
+         "                - for standard output (zantrel-vcam --serve --y4m - | ffplay -)\n"
+         "  --y4m-stream N  the stream of --y4m (default 0)\n";
 }
 
 std::string to_string(StreamSize size) {
@@ -68,14 +78,15 @@ std::string to_string(StreamSize size) {
 Options parse_options(int argc, char** argv) {
   Options options;
   long seconds = 0;
+  long y4m_stream = -1;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "-h" || arg == "--help") {
       options.help = true;
       continue;
     }
-    if (arg == "--soak") {
-      options.soak = true;
+    if (arg == "--soak" || arg == "--serve" || arg == "--demo") {
+      (arg == "--soak" ? options.soak : arg == "--serve" ? options.serve : options.demo) = true;
       continue;
     }
     // Both "--name value" and "--name=value".
@@ -87,7 +98,8 @@ Options parse_options(int argc, char** argv) {
       value = arg.substr(eq + 1);
       has_value = true;
     }
-    if (name != "--seconds" && name != "--streams" && name != "--out") {
+    if (name != "--seconds" && name != "--streams" && name != "--out" && name != "--y4m" &&
+        name != "--y4m-stream") {
       throw UsageError("unknown argument \"" + std::string(arg) + "\"");
     }
     if (!has_value) {
@@ -103,6 +115,15 @@ Options parse_options(int argc, char** argv) {
       }
     } else if (name == "--streams") {
       options.streams = parse_streams(value);
+    } else if (name == "--y4m") {
+      if (value.empty()) {
+        throw UsageError("--y4m needs a file, or - for standard output");
+      }
+      options.y4m = value;
+    } else if (name == "--y4m-stream") {
+      if (!parse_number(value, 0, static_cast<long>(kMaxStreams) - 1, y4m_stream)) {
+        throw UsageError("--y4m-stream takes a stream number");
+      }
     } else {
       if (value.empty()) {
         throw UsageError("--out needs a directory");
@@ -110,6 +131,20 @@ Options parse_options(int argc, char** argv) {
       options.out_dir = value;
     }
   }
+  if (options.serve && (options.soak || seconds > 0)) {
+    throw UsageError("--serve runs until stopped: no --soak or --seconds");
+  }
+  if (!options.serve && (options.demo || !options.y4m.empty())) {
+    throw UsageError("--demo and --y4m go with --serve");
+  }
+  if (y4m_stream >= 0 && options.y4m.empty()) {
+    throw UsageError("--y4m-stream goes with --y4m");
+  }
+  if (y4m_stream >= static_cast<long>(options.streams.size())) {
+    throw UsageError("--y4m-stream " + std::to_string(y4m_stream) + ": there are only " +
+                     std::to_string(options.streams.size()) + " streams");
+  }
+  options.y4m_stream = y4m_stream < 0 ? 0 : static_cast<size_t>(y4m_stream);
   if (seconds > (options.soak ? kMaxSoakSeconds : kMaxSeconds)) {
     throw UsageError("--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds) +
                      " (" + std::to_string(kMaxSoakSeconds) + " with --soak)");

@@ -21,6 +21,12 @@ struct Options {
   // A long run that shows the processes stay flat: an hour unless --seconds
   // says otherwise, with scene changes every few seconds.
   bool soak = false;
+  // Live: the encoder runs at the real frame rate until stopped, writing
+  // each stream's picture once a second; the scene only with demo.
+  bool serve = false;
+  bool demo = false;
+  std::string y4m;  // live video of one stream: a path, "-" for stdout, empty for none
+  size_t y4m_stream = 0;
 };
 
 // What a person typed wrong; main prints it with the usage and exits with 2.

@@ -1,19 +1,22 @@
 // zantrelctl: looks at the overlay library's shared state.
 //   zantrelctl show [--json]
 //   zantrelctl render-text [options] -o OUT.png TEXT
+//   zantrelctl snapshot --stream N --size WxH -o OUT.png
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "render_preview.h"
 #include "snapshot.h"
+#include "stream_picture.h"
 
 namespace {
 
 int usage() {
   std::fputs(
       "usage: zantrelctl show [--json]\n"
-      "       zantrelctl render-text [options] -o OUT.png TEXT\n",
+      "       zantrelctl render-text [options] -o OUT.png TEXT\n"
+      "       zantrelctl snapshot --stream N --size WxH [--channel C] -o OUT.png\n",
       stderr);
   return 2;
 }
@@ -21,6 +24,9 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 2 && std::strcmp(argv[1], "snapshot") == 0) {
+    return zantrelctl::snapshot_command(argc - 1, argv + 1);
+  }
   if (argc >= 2 && std::strcmp(argv[1], "render-text") == 0) {
     return zantrelctl::render_text_command(argc - 1, argv + 1);
   }
