@@ -83,176 +83,147 @@ long map(int node, long offset, std::size_t length, int prot = PROT_READ | PROT_
 
 TEST(DriverCommands, RecordsAndErrors) {
   using O = internal_overlay;
-  const std::
-      tuple<const char*, L, std::function<L()>>
-          rows
-              [] =
-                  {
-                      {"create",
-                       L{-EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL,
-                         -ENOMEM, 0, -EFAULT, -EINVAL, -EINVAL, -EINVAL, -EINVAL, 0},
-                       [] {
-                         return L()
-                                << create_with(&O::type, -1) << create_with(&O::type, 9)
-                                << create_with(&O::width, 0u) << create_with(&O::nbr_buffers, 0u)
-                                << create_with(&O::nbr_buffers, 5u)
-                                << create_with(&O::palette_bank, 2u)
-                                << create_with(&O::visible_width, 65u) << create_with(&O::y, 16385u)
-                                << create_with(&O::height, 1u << 20) << create_with(&O::y, 16384u)
-                                << command(fd, CAM_IOC_CREATE_OVERLAY, nullptr)
-                                << create_as([](O& r) { r.reserved1[1] = 1; })
-                                << create_with(&O::reserved2, 1u) << create_as([](O& r) {
-                                     r.palette_colors[3] = 1;
-                                   })  // not a 1-bit overlay
-                                << create_as(
-                                       [](O& r) { r.type = 8, r.width = r.visible_width = 63; })
-                                << create_as([](O& r) { r.type = 6, r.palette_colors[1] = ~0u; });
-                       }},
-                      {"buffer sizes by type", L{4, 0, 13, 9, 18, 36, 9, 5, 4, 10, 24},
-                       [] {
-                         return L() << size_of(0, 3, 3) << size_of(0, 1, 1) << size_of(1, 3, 3)
-                                    << size_of(2, 3, 3) << size_of(3, 3, 3) << size_of(4, 3, 3)
-                                    << size_of(5, 3, 3) << size_of(6, 7, 5) << size_of(6, 9, 2)
-                                    << size_of(7, 2, 2) << size_of(8, 4, 2);
-                       }},
-                      {"reserved bytes zero, a get record nothing but its id",
-                       L{-EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL},
-                       [] {
-                         internal_overlay get{}, modify = made;
-                         get.id = made.id, get.x = 1, modify.reserved1[0] = 1;
-                         cam_buffer_query query{made.id, {0, 0, 0, 0, 1}};
-                         cam_source_params add{CAM_SOURCE_ADD, made.id, {0, 1, 0}};
-                         cam_palette_color colour{3, 1, 76, 85, 255, 200, {0, 1}, 1};
-                         return L() << command(fd, CAM_IOC_GET_OVERLAY, &get)
-                                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &modify)
-                                    << command(fd, CAM_IOC_GET_BUFFER, &query)
-                                    << command(fd, CAM_IOC_SOURCE_PARAMS, &add)
-                                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &colour);
-                       }},
-                      {"256 live overlays, ids non-zero and unique; a lower limit",
-                       L{CAMSIM_MAX_OVERLAYS, 256, 0, -ENOMEM, -1, 0, 0, -ENOMEM},
-                       [] {
-                         u32 ids[CAMSIM_MAX_OVERLAYS] = {create(fd, record(2, 8, 8)),
-                                                         create(fd, record(2, 8, 8))};
-                         destroy(fd, ids[0]);
-                         while (camsim_live_count() < CAMSIM_MAX_OVERLAYS)
-                           create(fd, record(2, 8, 8));
-                         const std::set<u32> live(ids,
-                                                  ids + camsim_live_ids(ids, CAMSIM_MAX_OVERLAYS));
-                         L r = L() << CAMSIM_MAX_OVERLAYS << live.size() << live.count(0)
-                                   << create_with(&O::x, 0u) << camsim_set_overlay_limit(0);
-                         for (u32 id : live)
-                           if (id != made.id) destroy(fd, id);
-                         return r << camsim_set_overlay_limit(2) << create_with(&O::x, 0u)
-                                  << create_with(&O::x, 0u);
-                       }},
-                      {"modify takes position, visible size and coordinates only",
-                       L{0, 0, 0, -EINVAL, -EINVAL, 0, 1},
-                       [] {
-                         internal_overlay m = record(2, 1, 1, 1, 8192, 16384), got{}, want = made;
-                         internal_overlay tall = made, gone = made;
-                         want.id = m.id = made.id, tall.visible_height = 33, gone.id = 4242;
-                         want.x = 8192, want.y = 16384,
-                         want.visible_width = want.visible_height = 1;
-                         want.coord_type = 0;  // pixels
-                         return L() << command(fd, CAM_IOC_MODIFY_OVERLAY, &m)
-                                    << camsim_get_overlay(made.id, &got)
-                                    << std::memcmp(&got, &want, sizeof got)
-                                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &tall)
-                                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &gone)
-                                    << command(fd, CAM_IOC_MODIFY_OVERLAY, nullptr)
-                                    << camsim_refresh_count();
-                       }},
-                      {"buffers and destroy",
-                       L{-EINVAL, -EINVAL, 0, 0, 7, -EINVAL, -EINVAL, 0, 1, -EINVAL, -EINVAL,
-                         -EINVAL, -ENOENT},
-                       [] {
-                         camsim_overlay_info info{};
-                         internal_overlay gone{};
-                         gone.id = made.id;
-                         const int own = get_buffer(fd, made.id);
-                         return L()
-                                << submit(fd, made.id, get_buffer(fd, create(fd, record(2, 8, 8))))
-                                << submit(fd, made.id, own + 1) << submit(fd, made.id, own, 7)
-                                << camsim_get_overlay_info(made.id, &info) << info.last_param
-                                << submit(fd, made.id,
-                                          own)  // submitted already, not handed out again
-                                << submit(fd, made.id, info.buffer_offsets[1])  // never handed out
-                                << destroy(fd, made.id) << camsim_live_count()
-                                << destroy(fd, made.id) << get_buffer(fd, made.id)
-                                << submit(fd, made.id, own)
-                                << command(fd, CAM_IOC_GET_OVERLAY, &gone);
-                       }},
-                      {"fresh buffers hold the pattern, also on reused pages", L{4096},
-                       [] {
-                         destroy(fd, made.id);
-                         const u32 id = create(fd, record(2, 64, 64));
-                         auto* map = static_cast<unsigned char*>(
-                             mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, get_buffer(fd, id)));
-                         return L() << std::count(map, map + 4096, CAMSIM_FRESH_BYTE) +
-                                           munmap(map, 4096);
-                       }},
-                      {"nodes own their commands; only handed-out buffers map, within their pages",
-                       L{-ENOTTY, -ENOTTY, -EINVAL, -EINVAL, 0, -EINVAL, -EINVAL, -ENODEV, -EACCES},
-                       [] {
-                         const int quad = open("/dev/camquad", O_RDWR),
-                                   cam3 = open("/dev/cam3", O_RDWR),
-                                   read_only = open("/dev/cam0", O_RDONLY);
-                         internal_overlay r = record(2, 8, 8);
-                         camsim_overlay_info info{};
-                         camsim_get_overlay_info(made.id, &info);  // 8192 bytes a buffer
-                         L results = L() << command(quad, CAM_IOC_CREATE_OVERLAY, &r)
-                                         << get_buffer(cam3, made.id) << map(fd, 0, 4096)
-                                         << map(fd, info.buffer_offsets[1], 4096);
-                         const int own = get_buffer(fd, made.id);
-                         results = results << map(fd, own, 8192) << map(fd, own, 8193)
-                                           << map(fd, own, 1 << 20) << map(cam3, own, 4096)
-                                           << map(read_only, own, 4096);
-                         for (int node : {quad, cam3, read_only}) close(node);
-                         return results;
-                       }},
-                      {"source list of 8",
-                       L{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, -ENOBUFS, -ENOENT, -EINVAL, -EINVAL, 0,
-                         0},
-                       [] {
-                         L r = L() << source(CAM_SOURCE_ADD, made.id)
-                                   << source(CAM_SOURCE_ADD, made.id);
-                         for (int i = 0; i < 7; ++i)
-                           r = r << source(CAM_SOURCE_ADD, create(fd, record(2, 8, 8)));
-                         const u32 ninth = create(fd, record(2, 8, 8));
-                         camsim_overlay_info info{};
-                         return r << camsim_get_overlay_info(made.id, &info) << info.in_source
-                                  << source(CAM_SOURCE_ADD, ninth)
-                                  << source(CAM_SOURCE_REMOVE, ninth)
-                                  << source(CAM_SOURCE_ADD, 4242) << source(2, ninth)
-                                  << destroy(fd, made.id) << source(CAM_SOURCE_ADD, ninth);
-                       }},
-                      {"palette: refused entries are not written", L{0, -EINVAL, -EINVAL, 0, 1, 1},
-                       [] {
-                         cam_palette_color c[] = {{3, 1, 76, 85, 255, 200, {}, 1},
-                                                  {16, 0, 0, 0, 0, 0, {}, 0},
-                                                  {2, 2, 0, 0, 0, 0, {}, 0}};
-                         std::uint8_t written[16];
-                         return L() << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[0])
-                                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[1])
-                                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[2])
-                                    << camsim_read_palette(1, nullptr, written)
-                                    << std::count(written, written + 16, 1) << written[3];
-                       }},
-                      {"stream configuration and nodes",
-                       L{655, 700, 1920, -EINVAL, -EINVAL, -unknown_command_errno("/dev/null"), -1,
-                         -ENOTTY, 1},
-                       [] {
-                         camsim_set_resolution(15, 655, 1), camsim_set_resolution(0, 700, 1);
-                         return L() << max_width("/dev/cam14", 0xE00)
-                                    << max_width("/dev/camquad", 0xFF00)
-                                    << max_width("/dev/cam3", 0x200, true)
-                                    << max_width("/dev/cam0", 0xF00) << max_width("/dev/cam0", 1)
-                                    << max_width("/dev/null", 0) << open("/dev/cam15", O_RDWR)
-                                    << command(fd, 0x40043799u, nullptr)
-                                    << camsim_call_count(CAMSIM_UNKNOWN_COMMAND);
-                       }},
-                  };
+  using Row = std::tuple<const char*, L, std::function<L()>>;
+  const Row rows[] = {
+      {"create",
+       L{-EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL, -ENOMEM, 0,
+         -EFAULT, -EINVAL, -EINVAL, -EINVAL, -EINVAL, 0},
+       [] {
+         return L() << create_with(&O::type, -1) << create_with(&O::type, 9)
+                    << create_with(&O::width, 0u) << create_with(&O::nbr_buffers, 0u)
+                    << create_with(&O::nbr_buffers, 5u) << create_with(&O::palette_bank, 2u)
+                    << create_with(&O::visible_width, 65u) << create_with(&O::y, 16385u)
+                    << create_with(&O::height, 1u << 20) << create_with(&O::y, 16384u)
+                    << command(fd, CAM_IOC_CREATE_OVERLAY, nullptr)
+                    << create_as([](O& r) { r.reserved1[1] = 1; }) << create_with(&O::reserved2, 1u)
+                    << create_as([](O& r) { r.palette_colors[3] = 1; })  // not a 1-bit overlay
+                    << create_as([](O& r) { r.type = 8, r.width = r.visible_width = 63; })
+                    << create_as([](O& r) { r.type = 6, r.palette_colors[1] = ~0u; });
+       }},
+      {"buffer sizes by type", L{4, 0, 13, 9, 18, 36, 9, 5, 4, 10, 24},
+       [] {
+         return L() << size_of(0, 3, 3) << size_of(0, 1, 1) << size_of(1, 3, 3) << size_of(2, 3, 3)
+                    << size_of(3, 3, 3) << size_of(4, 3, 3) << size_of(5, 3, 3) << size_of(6, 7, 5)
+                    << size_of(6, 9, 2) << size_of(7, 2, 2) << size_of(8, 4, 2);
+       }},
+      {"reserved bytes zero, a get record nothing but its id",
+       L{-EINVAL, -EINVAL, -EINVAL, -EINVAL, -EINVAL},
+       [] {
+         internal_overlay get{}, modify = made;
+         get.id = made.id, get.x = 1, modify.reserved1[0] = 1;
+         cam_buffer_query query{made.id, {0, 0, 0, 0, 1}};
+         cam_source_params add{CAM_SOURCE_ADD, made.id, {0, 1, 0}};
+         cam_palette_color colour{3, 1, 76, 85, 255, 200, {0, 1}, 1};
+         return L() << command(fd, CAM_IOC_GET_OVERLAY, &get)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &modify)
+                    << command(fd, CAM_IOC_GET_BUFFER, &query)
+                    << command(fd, CAM_IOC_SOURCE_PARAMS, &add)
+                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &colour);
+       }},
+      {"256 live overlays, ids non-zero and unique; a lower limit",
+       L{CAMSIM_MAX_OVERLAYS, 256, 0, -ENOMEM, -1, 0, 0, -ENOMEM},
+       [] {
+         u32 ids[CAMSIM_MAX_OVERLAYS] = {create(fd, record(2, 8, 8)), create(fd, record(2, 8, 8))};
+         destroy(fd, ids[0]);
+         while (camsim_live_count() < CAMSIM_MAX_OVERLAYS) create(fd, record(2, 8, 8));
+         const std::set<u32> live(ids, ids + camsim_live_ids(ids, CAMSIM_MAX_OVERLAYS));
+         L r = L() << CAMSIM_MAX_OVERLAYS << live.size() << live.count(0) << create_with(&O::x, 0u)
+                   << camsim_set_overlay_limit(0);
+         for (u32 id : live)
+           if (id != made.id) destroy(fd, id);
+         return r << camsim_set_overlay_limit(2) << create_with(&O::x, 0u)
+                  << create_with(&O::x, 0u);
+       }},
+      {"modify takes position, visible size and coordinates only",
+       L{0, 0, 0, -EINVAL, -EINVAL, 0, 1},
+       [] {
+         internal_overlay m = record(2, 1, 1, 1, 8192, 16384), got{}, want = made;
+         internal_overlay tall = made, gone = made;
+         want.id = m.id = made.id, tall.visible_height = 33, gone.id = 4242;
+         want.x = 8192, want.y = 16384, want.visible_width = want.visible_height = 1;
+         want.coord_type = 0;  // pixels
+         return L() << command(fd, CAM_IOC_MODIFY_OVERLAY, &m) << camsim_get_overlay(made.id, &got)
+                    << std::memcmp(&got, &want, sizeof got)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &tall)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &gone)
+                    << command(fd, CAM_IOC_MODIFY_OVERLAY, nullptr) << camsim_refresh_count();
+       }},
+      {"buffers and destroy",
+       L{-EINVAL, -EINVAL, 0, 0, 7, -EINVAL, -EINVAL, 0, 1, -EINVAL, -EINVAL, -EINVAL, -ENOENT},
+       [] {
+         camsim_overlay_info info{};
+         internal_overlay gone{};
+         gone.id = made.id;
+         const int own = get_buffer(fd, made.id);
+         return L() << submit(fd, made.id, get_buffer(fd, create(fd, record(2, 8, 8))))
+                    << submit(fd, made.id, own + 1) << submit(fd, made.id, own, 7)
+                    << camsim_get_overlay_info(made.id, &info) << info.last_param
+                    << submit(fd, made.id,
+                              own)  // submitted already, not handed out again
+                    << submit(fd, made.id, info.buffer_offsets[1])  // never handed out
+                    << destroy(fd, made.id) << camsim_live_count() << destroy(fd, made.id)
+                    << get_buffer(fd, made.id) << submit(fd, made.id, own)
+                    << command(fd, CAM_IOC_GET_OVERLAY, &gone);
+       }},
+      {"fresh buffers hold the pattern, also on reused pages", L{4096},
+       [] {
+         destroy(fd, made.id);
+         const u32 id = create(fd, record(2, 64, 64));
+         auto* map = static_cast<unsigned char*>(
+             mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, get_buffer(fd, id)));
+         return L() << std::count(map, map + 4096, CAMSIM_FRESH_BYTE) + munmap(map, 4096);
+       }},
+      {"nodes own their commands; only handed-out buffers map, within their pages",
+       L{-ENOTTY, -ENOTTY, -EINVAL, -EINVAL, 0, -EINVAL, -EINVAL, -ENODEV, -EACCES},
+       [] {
+         const int quad = open("/dev/camquad", O_RDWR), cam3 = open("/dev/cam3", O_RDWR),
+                   read_only = open("/dev/cam0", O_RDONLY);
+         internal_overlay r = record(2, 8, 8);
+         camsim_overlay_info info{};
+         camsim_get_overlay_info(made.id, &info);  // 8192 bytes a buffer
+         L results = L() << command(quad, CAM_IOC_CREATE_OVERLAY, &r) << get_buffer(cam3, made.id)
+                         << map(fd, 0, 4096) << map(fd, info.buffer_offsets[1], 4096);
+         const int own = get_buffer(fd, made.id);
+         results = results << map(fd, own, 8192) << map(fd, own, 8193) << map(fd, own, 1 << 20)
+                           << map(cam3, own, 4096) << map(read_only, own, 4096);
+         for (int node : {quad, cam3, read_only}) close(node);
+         return results;
+       }},
+      {"source list of 8",
+       L{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, -ENOBUFS, -ENOENT, -EINVAL, -EINVAL, 0, 0},
+       [] {
+         L r = L() << source(CAM_SOURCE_ADD, made.id) << source(CAM_SOURCE_ADD, made.id);
+         for (int i = 0; i < 7; ++i) r = r << source(CAM_SOURCE_ADD, create(fd, record(2, 8, 8)));
+         const u32 ninth = create(fd, record(2, 8, 8));
+         camsim_overlay_info info{};
+         return r << camsim_get_overlay_info(made.id, &info) << info.in_source
+                  << source(CAM_SOURCE_ADD, ninth) << source(CAM_SOURCE_REMOVE, ninth)
+                  << source(CAM_SOURCE_ADD, 4242) << source(2, ninth) << destroy(fd, made.id)
+                  << source(CAM_SOURCE_ADD, ninth);
+       }},
+      {"palette: refused entries are not written", L{0, -EINVAL, -EINVAL, 0, 1, 1},
+       [] {
+         cam_palette_color c[] = {{3, 1, 76, 85, 255, 200, {}, 1},
+                                  {16, 0, 0, 0, 0, 0, {}, 0},
+                                  {2, 2, 0, 0, 0, 0, {}, 0}};
+         std::uint8_t written[16];
+         return L() << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[0])
+                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[1])
+                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[2])
+                    << camsim_read_palette(1, nullptr, written)
+                    << std::count(written, written + 16, 1) << written[3];
+       }},
+      {"stream configuration and nodes",
+       L{655, 700, 1920, -EINVAL, -EINVAL, -unknown_command_errno("/dev/null"), -1, -ENOTTY, 1},
+       [] {
+         camsim_set_resolution(15, 655, 1), camsim_set_resolution(0, 700, 1);
+         return L() << max_width("/dev/cam14", 0xE00) << max_width("/dev/camquad", 0xFF00)
+                    << max_width("/dev/cam3", 0x200, true) << max_width("/dev/cam0", 0xF00)
+                    << max_width("/dev/cam0", 1) << max_width("/dev/null", 0)
+                    << open("/dev/cam15", O_RDWR) << command(fd, 0x40043799u, nullptr)
+                    << camsim_call_count(CAMSIM_UNKNOWN_COMMAND);
+       }},
+  };
   for (const auto& [name, want, run] : rows) {
     SCOPED_TRACE(name);
     ASSERT_EQ(camsim_reset(), 0);

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -63,7 +62,7 @@ TEST(FormatTable, TypeSlotsAndSize) {
               std::tuple(type, slots, size))
         << "format " << format;
     // Two lookups of the type, each logging once when there is none.
-    EXPECT_EQ(zantrel::test::captured_logs().size(), type >= 0 ? 0U : 3U) << "format " << format;
+    EXPECT_EQ(captured_logs().size(), type >= 0 ? 0U : 3U) << "format " << format;
     EXPECT_TRUE(type >= 0 || logged_once(LOG_ERR, kUnknownSize)) << "format " << format;
   }
 }
@@ -116,7 +115,7 @@ TEST(Position, Calculation) {
     rec.x = rec.coord_type = 0xDEAD;  // a refused position writes nothing
     clear_captured_logs();
     EXPECT_EQ(o_calculate_overlay_position(&rec, &c.pos, c.content_width, 400), c.result);
-    EXPECT_TRUE(zantrel::test::captured_logs().empty());
+    EXPECT_TRUE(captured_logs().empty());
     EXPECT_EQ(std::tuple(rec.x, rec.y, rec.visible_width, rec.visible_height, rec.coord_type),
               c.result != 0
                   ? std::tuple(0xDEADU, 0U, 0U, 0U, 0xDEADU)
@@ -124,12 +123,13 @@ TEST(Position, Calculation) {
   }
 }
 
+// A reset driver, the device open, no messages yet.
 class PaletteTest : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(camsim_reset(), 0);
     ASSERT_GE(fd_ = o_open_fd(), 0);
-    zantrel::test::clear_captured_logs();
+    clear_captured_logs();
   }
   void TearDown() override { o_close_fd(fd_); }
   int fd_ = -1;
@@ -298,16 +298,8 @@ Pixels pattern(int w, int h) {
   return p;
 }
 
-class OvlFile : public testing::Test {
+class OvlFile : public PaletteTest {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(camsim_reset(), 0);
-    fd_ = o_open_fd();
-    ASSERT_GE(fd_, 0);
-    clear_captured_logs();
-  }
-  void TearDown() override { o_close_fd(fd_); }
-
   // Writes `file` (none when empty) and loads it.
   int load(const Bytes& file) {
     unlink(ovl_path().c_str());
@@ -343,7 +335,6 @@ class OvlFile : public testing::Test {
     return shown_.at(base[p] + (p == 1 || p == 2 ? y / 2 : y) * w + x);
   }
 
-  int fd_ = -1;
   int id_ = 0;
   overlay_image image_{};
   overlay_entry_data data_{};
