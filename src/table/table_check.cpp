@@ -25,6 +25,14 @@ namespace {
 
 constexpr char kStreamPrefix[] = "ovl_strm_";
 
+// "/ovl_strm_%d"; made here so that the check also builds into the tools,
+// apart from the library.
+StreamName object_name(int stream) {
+  StreamName name{};
+  std::snprintf(name.data(), name.size(), "/ovl_strm_%d", stream);
+  return name;
+}
+
 class Checker {
  public:
   Checker(overlay_table* table, bool repair, FindingSink sink, void* context)
@@ -145,11 +153,11 @@ class Checker {
     if (end == digits || *end != '\0' || value < INT32_MIN || value > INT32_MAX) return false;
     *stream = static_cast<int>(value);
     // Only the name the library gives that number is its stream table.
-    return std::strcmp(stream_name(*stream).data() + 1, name) == 0;
+    return std::strcmp(object_name(*stream).data() + 1, name) == 0;
   }
 
   void check_stream_table(int stream) {
-    const StreamName name = stream_name(stream);
+    const StreamName name = object_name(stream);
     const int fd = shm_open(name.data(), O_RDWR, 0);
     if (fd < 0) return;
     struct stat st {};
