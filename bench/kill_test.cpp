@@ -85,7 +85,10 @@ void note_log(const char* text) {
     shared->lock_errors.fetch_add(1);
   } else if (std::strstr(text, "Table owner died") != nullptr) {
     shared->recoveries.fetch_add(1);
-    if (std::strstr(text, "tables mended") != nullptr) shared->mended.fetch_add(1);
+    if (std::strstr(text, "tables mended") != nullptr) {
+      shared->mended.fetch_add(1);
+      std::fputs(text, stderr);  // what a kill damaged, rare enough to show
+    }
   } else if (std::strstr(text, "mutex") != nullptr || std::strstr(text, "Mutex") != nullptr) {
     shared->lock_errors.fetch_add(1);
   }
