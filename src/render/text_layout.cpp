@@ -1,5 +1,6 @@
 // Line splitting and the two text renderers: multi-line text sized by its
 // content, and the legacy band as wide as the stream.
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -22,8 +23,10 @@ struct TextMetrics {
   uint32_t pad;  // margin for the outline, and the unit of the text's margins
 };
 
+// A negative size draws as size 0: as an unsigned em size it would ask cairo
+// for a font four billion pixels high, which it fails to make and leaks.
 TextMetrics metrics(int size) {
-  const auto em = static_cast<int32_t>(static_cast<double>(size) * 0.7);
+  const auto em = static_cast<int32_t>(static_cast<double>(std::max(size, 0)) * 0.7);
   const auto em_size = static_cast<uint32_t>(em);
   return {em_size, static_cast<uint32_t>(std::ceil(em_size * 0.03))};
 }

@@ -14,6 +14,7 @@
 #include "common/log.h"
 #include "common/unique_fd.h"
 #include "table.h"
+#include "table_check.h"
 
 namespace zantrel::table {
 namespace {
@@ -209,10 +210,11 @@ int overlay_table_lock(overlay_table* table) {
     return 0;
   }
   if (rc == EOWNERDEAD) {
-    // The dead holder's half-done change stays as it is: every operation
-    // reads the table defensively.
+    // The dead holder may have left a change half done; the tables are
+    // mended before anyone works on them.
     rc = pthread_mutex_consistent(table_mutex(table));
     if (rc == 0) {
+      repair_after_owner_death(table);
       return 0;
     }
     log_message(LOG_ERR, "libzantrel: Table owner died while mutex locked, could not recover.\n");

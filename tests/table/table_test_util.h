@@ -1,5 +1,5 @@
 // Helpers of the table tests: a fresh table mapped and locked for each test,
-// overlays, set contents as handles, and one random operation.
+// overlays and set contents as handles.
 #pragma once
 
 #include <fcntl.h>
@@ -7,10 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
-#include <functional>
-#include <random>
 #include <vector>
 
 #include "table.h"
@@ -49,38 +46,6 @@ inline std::vector<int> read_stream(int stream) {
   std::vector<int> out = handles_of(mapped->handles);
   overlay_table_unmap_stream(mapped);
   return out;
-}
-
-// One random operation with handles -1 to `handles`, channels 0 to 17 and
-// streams 0 to 2, whose result must be one the operation is known to give.
-// Priorities never change, so sets stay ordered.
-inline void random_operation(overlay_table* t, std::mt19937& rng, int handles) {
-  auto pick = [&rng](std::size_t n) { return static_cast<int>(rng() % n); };
-  int h = pick(handles + 2) - 1, s = pick(3);
-  unsigned channel = pick(18);
-  overlay_entry_data data = entry_data(pick(6) - 1, pick(7));
-  overlay_stream_table* stream = overlay_table_map_stream(s);
-  stream = stream == MAP_FAILED ? nullptr : stream;
-  overlay_table_entry entries[OVERLAY_SET_PLACES], *sources[OVERLAY_SET_PLACES];
-  int32_t out[OVERLAY_SET_PLACES];
-  const std::function<int()> ops[] = {
-      [&] { return overlay_table_get_entries(t, stream, entries, out, channel, 0, pick(8)); },
-      [&] { return std::min(overlay_table_create_overlay(t, &data), 0); },
-      [&] { return overlay_table_destroy_overlay(t, h); },
-      [&] { return std::min(overlay_table_find_handle_by_kernel_id(t, pick(3)), 0); },
-      [&] { return overlay_table_add_overlay_globally(t, h); },
-      [&] { return overlay_table_remove_overlay_globally(t, h); },
-      [&] { return overlay_table_add_overlay_to_source(t, h); },
-      [&] { return overlay_table_get_source_entries(t, sources, pick(9)); },
-      [&] { return overlay_table_add_overlay_to_channel(t, h, channel); },
-      [&] { return overlay_table_remove_overlay_from_channel(t, h, channel); },
-      [&] { return overlay_table_add_overlay_to_stream(t, h, s); },
-      [&] { return overlay_table_remove_overlay_from_stream(t, h, s); },
-  };
-  int op = pick(std::size(ops)), rc = ops[op]();
-  EXPECT_TRUE(rc == 0 || rc == -1 || rc == -2 || rc == -4 || rc == -6 || rc == -9 || rc == -10)
-      << "operation " << op << " returned " << rc;
-  if (stream != nullptr) overlay_table_unmap_stream(stream);
 }
 
 class TableTest : public ::testing::Test {

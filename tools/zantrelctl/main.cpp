@@ -1,11 +1,13 @@
 // zantrelctl: looks at the overlay library's shared state.
 //   zantrelctl show [--json]
+//   zantrelctl check [--json] [--repair]
 //   zantrelctl render-text [options] -o OUT.png TEXT
 //   zantrelctl snapshot --stream N --size WxH -o OUT.png
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "check.h"
 #include "render_preview.h"
 #include "snapshot.h"
 #include "stream_picture.h"
@@ -15,6 +17,7 @@ namespace {
 int usage() {
   std::fputs(
       "usage: zantrelctl show [--json]\n"
+      "       zantrelctl check [--json] [--repair]\n"
       "       zantrelctl render-text [options] -o OUT.png TEXT\n"
       "       zantrelctl snapshot --stream N --size WxH [--channel C] -o OUT.png\n",
       stderr);
@@ -29,6 +32,9 @@ int main(int argc, char** argv) {
   }
   if (argc >= 2 && std::strcmp(argv[1], "render-text") == 0) {
     return zantrelctl::render_text_command(argc - 1, argv + 1);
+  }
+  if (argc >= 2 && std::strcmp(argv[1], "check") == 0) {
+    return zantrelctl::check_command(argc - 1, argv + 1);
   }
   if (argc < 2 || std::strcmp(argv[1], "show") != 0 || argc > 3) {
     return usage();
