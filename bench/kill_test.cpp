@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "camsim.h"
+#include "private_dev_shm.h"
 #include "table_check.h"
 #include "zantrel.h"
 
@@ -58,29 +59,6 @@ struct Options {
   int bound_ms = 2000;
   unsigned seed = 1;
 };
-
-bool write_file(const char* path, const std::string& text) {
-  int fd = open(path, O_WRONLY | O_CLOEXEC);
-  bool ok = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  if (fd >= 0) close(fd);
-  return ok;
-}
-
-// The run makes and removes shared tables and the simulator's state under
-// /dev/shm: in a private tmpfs, never the machine's own.
-bool private_dev_shm() {
-  if (unshare(CLONE_NEWNS) != 0) {
-    const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-    write_file("/proc/self/setgroups", "deny");
-    if (!write_file("/proc/self/uid_map", "0 " + uid + " 1\n") ||
-        !write_file("/proc/self/gid_map", "0 " + gid + " 1\n")) {
-      return false;
-    }
-  }
-  return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777,size=256m") == 0;
-}
 
 void note_log(const char* text) {
   if (shared == nullptr) return;
@@ -278,7 +256,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "kill test: no robust futex lists here: a dead holder goes unseen\n");
     return 77;
   }
-  if (!private_dev_shm()) {
+  if (!zantrel::test::private_dev_shm()) {
     std::fprintf(stderr, "kill test: cannot make a private /dev/shm: %s\n", std::strerror(errno));
     return 2;
   }

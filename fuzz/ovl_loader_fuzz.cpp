@@ -15,6 +15,7 @@
 #include <string>
 
 #include "camsim.h"
+#include "private_dev_shm.h"
 #include "zantrel.h"
 
 namespace {
@@ -35,16 +36,6 @@ Harness& harness() {
   std::abort();
 }
 
-// The simulator keeps its state in /dev/shm, shared by every process on the
-// machine. A private tmpfs there keeps millions of loads away from anything
-// else running against it; without the rights for one, the machine's state is
-// used and only this process's own overlays are counted.
-bool private_dev_shm() {
-  return unshare(CLONE_NEWNS) == 0 &&
-         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777,size=1g") == 0;
-}
-
 void remove_scratch() {
   unlink(harness().path.c_str());
   rmdir(harness().dir.c_str());
@@ -62,7 +53,11 @@ void __syslog_chk(int, int, const char*, ...) {}
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   Harness& h = harness();
-  if (private_dev_shm()) {
+  // The simulator keeps its state in /dev/shm, shared by every process on the
+  // machine. A private tmpfs there keeps millions of loads away from anything
+  // else running against it; without the rights for one, the machine's state
+  // is used and only this process's own overlays are counted.
+  if (zantrel::test::private_dev_shm("size=1g")) {
     camsim_reset();
   } else {
     std::fprintf(stderr, "ovl_loader_fuzz: no private /dev/shm, using the shared one\n");

@@ -27,6 +27,7 @@
 #include <memory>
 #include <string>
 
+#include "private_dev_shm.h"
 #include "table.h"
 #include "table_check.h"
 #include "zantrel.h"
@@ -44,30 +45,6 @@ constexpr int kStreams = 3;
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "shared_table_fuzz: %s\n", what);
   std::abort();
-}
-
-bool write_file(const char* path, const std::string& text) {
-  int fd = open(path, O_WRONLY | O_CLOEXEC);
-  bool ok = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  if (fd >= 0) close(fd);
-  return ok;
-}
-
-// The operations create and remove stream tables under /dev/shm: they must
-// never meet the machine's own. Without root, a user namespace gives the
-// rights for a private tmpfs there.
-bool private_dev_shm() {
-  if (unshare(CLONE_NEWNS) != 0) {
-    const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-    write_file("/proc/self/setgroups", "deny");
-    if (!write_file("/proc/self/uid_map", "0 " + uid + " 1\n") ||
-        !write_file("/proc/self/gid_map", "0 " + gid + " 1\n")) {
-      return false;
-    }
-  }
-  return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777,size=64m") == 0;
 }
 
 void write_stream_table(const uint8_t* bytes, uint8_t choice) {
@@ -183,7 +160,8 @@ void __syslog_chk(int, int, const char*, ...) {}
 }
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  if (!private_dev_shm()) fail("no private /dev/shm: refusing to touch the machine's tables");
+  if (!zantrel::test::private_dev_shm("size=64m"))
+    fail("no private /dev/shm: refusing to touch the machine's tables");
   return 0;
 }
 

@@ -16,39 +16,13 @@
 #include <cstring>
 #include <string>
 
+#include "private_dev_shm.h"
 #include "test_support.h"
 
 namespace {
 
-bool write_file(const char* path, const std::string& text) {
-  int fd = open(path, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return false;
-  }
-  bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  close(fd);
-  return ok;
-}
-
-// Without root, a user namespace maps the caller to root inside it.
-bool enter_user_namespace() {
-  uid_t uid = getuid();
-  gid_t gid = getgid();
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-    return false;
-  }
-  write_file("/proc/self/setgroups", "deny");
-  return write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1\n") &&
-         write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n");
-}
-
 void isolate_dev_shm() {
-  if (unshare(CLONE_NEWNS) != 0 && !enter_user_namespace()) {
-    std::fprintf(stderr, "test: cannot make a mount namespace: %s\n", std::strerror(errno));
-    std::exit(2);
-  }
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777,size=256m") != 0) {
+  if (!zantrel::test::private_dev_shm()) {
     std::fprintf(stderr, "test: cannot mount a private /dev/shm: %s\n", std::strerror(errno));
     std::exit(2);
   }
