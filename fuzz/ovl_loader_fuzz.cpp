@@ -7,7 +7,6 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -42,14 +41,6 @@ void remove_scratch() {
 }
 
 }  // namespace
-
-// Every failed load logs; a fuzzer would flood the system log with them.
-extern "C" {
-void vsyslog(int, const char*, va_list) {}
-void __vsyslog_chk(int, int, const char*, va_list) {}
-void syslog(int, const char*, ...) {}
-void __syslog_chk(int, int, const char*, ...) {}
-}
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   Harness& h = harness();
