@@ -14,6 +14,7 @@
 // --bound N sets the contexts' work bound (overlay_stream_context_set_work_bound).
 #include <sys/time.h>
 #include <valgrind/callgrind.h>
+#include <valgrind/valgrind.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -105,7 +106,7 @@ class Encoder {
           o_get_fd(), 0, static_cast<unsigned>(contexts_.size()), 0, size.width, size.height,
           kAllFilters);
       if (context == nullptr) fail("overlay_stream_context_create");
-      (void)bound;
+      if (bound != kUnset) overlay_stream_context_set_work_bound(context, bound);
       contexts_.push_back(context);
     }
     requests_.resize(contexts_.size());
@@ -119,12 +120,18 @@ class Encoder {
 
   // One frame at frame number `frame` (30 a second): every stream's call,
   // each dumped under its own label when callgrind runs the program.
+  // Whether the last frame changed any request: an id or the version.
+  bool changed() const { return changed_; }
+
   void frame(int frame) {
+    changed_ = false;
     now_.tv_sec = 1795348800 + frame / 30;
     now_.tv_usec = static_cast<suseconds_t>(frame % 30) * 1000000 / 30;
     for (size_t s = 0; s < contexts_.size(); ++s) {
+      const overlay_encreq before = requests_[s];
       CALLGRIND_ZERO_STATS;
       overlay_setup_in_encreq(contexts_[s], &requests_[s], &params_);
+      changed_ = changed_ || std::memcmp(&before, &requests_[s], sizeof before) != 0;
       const std::string label = "frame " + std::to_string(frame) + " stream " +
                                 std::to_string(s) + " " + std::to_string(requests_[s].version);
       CALLGRIND_DUMP_STATS_AT(label.c_str());
@@ -139,6 +146,30 @@ class Encoder {
   overlay_expansion_params params_{};
   std::vector<overlay_stream_context*> contexts_;
   std::vector<overlay_encreq> requests_;
+  bool changed_ = false;
+};
+
+// Reports, outside callgrind, how many frames after a change the requests
+// last changed: the frames the work of the change was spread over.
+class Settling {
+ public:
+  void change(int frame) {
+    report();
+    change_ = frame;
+    last_ = frame;
+  }
+  void frame(int frame, bool changed) {
+    if (changed && frame - change_ < 30) last_ = frame;
+  }
+  void report() const {
+    if (change_ >= 0 && !RUNNING_ON_VALGRIND) {
+      std::printf("change at frame %d settled after %d frames\n", change_, last_ - change_ + 1);
+    }
+  }
+
+ private:
+  int change_ = -1;
+  int last_ = -1;
 };
 
 class Scene {
@@ -225,10 +256,18 @@ int main(int argc, char** argv) {
       Scene scene;
       if (mode == "scene") {
         Encoder encoder({{1920, 1080}, {1280, 720}, {640, 360}}, bound);
+        Settling settling;
+        settling.change(0);
         for (int frame = 0; frame < 1200; ++frame) {
-          if (frame > 0 && frame % 120 == 0) scene.change(frame / 120 - 1);
+          // Changes come half way through a second, apart from the clock's ticks.
+          if (frame > 15 && frame % 120 == 15) {
+            scene.change(frame / 120 - 1);
+            settling.change(frame);
+          }
           encoder.frame(frame);
+          settling.frame(frame, encoder.changed());
         }
+        settling.report();
       } else if (mode == "streams") {
         std::vector<Encoder::Size> sizes;
         for (int i = 0; i < 4; ++i) {
@@ -239,18 +278,24 @@ int main(int argc, char** argv) {
         }
         Encoder encoder(sizes, bound);
         for (int frame = 0; frame < 60; ++frame) {
-          if (frame == 30) scene.move_box();
+          if (frame == 45) scene.move_box();
           encoder.frame(frame);
         }
       } else if (mode == "longtext") {
         Encoder encoder({{1280, 720}}, bound);
+        Settling settling;
         std::string text;
         while (text.size() < 200) text += "Long notice: the north gate closes early today. ";
         text.resize(200);
         for (int frame = 0; frame < 60; ++frame) {
-          if (frame == 30) scene.new_ticker(text.c_str());
+          if (frame == 45) {
+            scene.new_ticker(text.c_str());
+            settling.change(frame);
+          }
           encoder.frame(frame);
+          settling.frame(frame, encoder.changed());
         }
+        settling.report();
       } else {
         fail("modes: scene, streams, longtext, quiet");
       }

@@ -1,28 +1,39 @@
 // The encoder's side: one context per stream, and once a frame the ids of the
 // overlays this stream shows written into the frame's encode request.
 //
-// The tables are gathered again only when a change counter moved; overlays
-// that look different on this stream (legacy and scaled texts, scalable
-// images) get hardware copies that the context owns, and modifiable texts
-// are drawn for the frame's time.
+// The tables are gathered again only when a change counter moved. What the
+// context draws for its stream (hardware copies of legacy and scaled texts
+// and of scalable images, and the modifiable texts with their renderers,
+// glyph caches and scroll positions) is kept across gatherings as long as
+// the entry it was made from is unchanged; only what changed is drawn again.
+// Drawing is bounded in every call by a work budget in glyph pixels, so a
+// change never costs the encoder a frame: a copy still being drawn leaves the
+// previous one shown (or none), and is shown once complete.
 #include <glib.h>
 #include <sys/mman.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <iterator>
+#include <new>
+#include <utility>
 
 #include "api.h"
 #include "common/log.h"
-#include "render/render.h"
-#include "text_overlay.h"
+#include "render.h"
+#include "text.h"
 
 namespace zantrel::api {
 namespace {
 
 constexpr int kPositions = OVERLAY_SET_PLACES;
+
+// Pixels a context may draw in one call unless the encoder sets its own
+// bound: seven glyphs of up to 64x64 pixels, each 150k to 250k instructions
+// (mostly cairo outlining it), so at most about 2M instructions and 4 ms on
+// the camera's CPU: three streams drawing at once stay inside one frame.
+constexpr uint32_t kDefaultWorkBound = 7 * 64 * 64;
 
 // A slot whose overlay this stream shows through a copy of its own.
 bool needs_copy(const overlay_table_entry& slot, uint32_t height) {
@@ -51,169 +62,235 @@ T* mapped_or_null(T* mapping) {
   return mapping == MAP_FAILED ? nullptr : mapping;
 }
 
-// The renderers of the text contexts that a gathering ends, by handle. The
-// text contexts made again for the same handles in that call take them over,
-// so a clock that stays on the stream keeps its glyph cache and is not drawn
-// glyph by glyph after every change of the tables; the rest are destroyed.
-class CarriedRenderers {
- public:
-  CarriedRenderers() = default;
-  CarriedRenderers(const CarriedRenderers&) = delete;
-  CarriedRenderers& operator=(const CarriedRenderers&) = delete;
-  ~CarriedRenderers() {
-    for (size_t i = 0; i < count_; ++i) render_text_destroy(carried_[i].render);
-  }
+// The hardware copy of one gathered overlay, drawn for this stream.
+struct Copy {
+  int32_t id = 0;        // the copy of the entry as gathered, once made
+  int32_t previous = 0;  // the copy of the overlay's former record, shown until id is made
+  bool pending = false;  // still to be made
+  bool failed = false;   // the last attempt failed and was logged
+  text::RenderPtr render;  // a text copy's renderer, kept with its glyph cache
 
-  void take_from(GHashTable* text_contexts) {
-    if (text_contexts == nullptr) return;
-    GHashTableIter iter;
-    gpointer key = nullptr;
-    gpointer value = nullptr;
-    g_hash_table_iter_init(&iter, text_contexts);
-    while (count_ < std::size(carried_) && g_hash_table_iter_next(&iter, &key, &value)) {
-      auto* text = static_cast<modifiable_text_context*>(value);
-      carried_[count_++] = {GPOINTER_TO_INT(key), text->render};
-      text->render = nullptr;
-    }
+  int32_t shown() const { return id != 0 ? id : previous; }
+  void destroy(int fd) {
+    if (id != 0) o_destroy_overlay(fd, id);
+    if (previous != 0) o_destroy_overlay(fd, previous);
+    id = previous = 0;
   }
-
-  void give_to(modifiable_text_context* text, int handle) {
-    for (size_t i = 0; i < count_; ++i) {
-      if (carried_[i].handle != handle || carried_[i].render == nullptr) continue;
-      render_text_destroy(text->render);
-      text->render = carried_[i].render;
-      carried_[i].render = nullptr;
-      // It draws from here on exactly as a fresh renderer would.
-      zantrel::render::reuse_glyph_cache(text->render);
-      return;
-    }
-  }
-
- private:
-  struct Carried {
-    int handle;
-    render_text_context* render;
-  };
-  Carried carried_[kPositions] = {};
-  size_t count_ = 0;
 };
+
+// A stream context as the library makes it: the public record and what the
+// context keeps for its stream.
+struct StreamContext : overlay_stream_context {
+  std::array<overlay_table_entry, kPositions> local{};    // the slots
+  std::array<overlay_table_entry, kPositions> sources{};  // the entries as gathered
+  std::array<Copy, kPositions> copies{};
+  // The text context of each slot holding a modifiable text, set by the
+  // composition; owned by text_contexts.
+  std::array<modifiable_text_context*, kPositions> texts{};
+  render::WorkBudget budget;
+  uint32_t bound = kDefaultWorkBound;
+};
+
+StreamContext& state(overlay_stream_context* context) {
+  return *static_cast<StreamContext*>(context);
+}
 
 // Composition versions are unique within the process, so that a request
 // filled by an earlier context of the same stream (made again after a
 // resolution change) is never taken as up to date by a new one. A process's
 // first composition is 1; 0 is never handed out.
 int32_t next_version() {
-  static std::atomic<uint32_t> gatherings{0};
-  return static_cast<int32_t>(gatherings.fetch_add(1, std::memory_order_relaxed) % INT32_MAX + 1);
+  static std::atomic<uint32_t> compositions{0};
+  return static_cast<int32_t>(compositions.fetch_add(1, std::memory_order_relaxed) % INT32_MAX +
+                              1);
+}
+
+// The gathered place of the handle before this gathering, or -1.
+int former_place(const std::array<int32_t, kPositions>& handles,
+                 const std::array<overlay_table_entry, kPositions>& slots, int32_t handle) {
+  for (int j = 0; j < kPositions; ++j) {
+    if (handle > 0 && handles[j] == handle && slots[j].in_use != 0) return j;
+  }
+  return -1;
+}
+
+// Keeps what the context drew for entries the gathering found unchanged, and
+// marks the rest to be drawn again; copies of overlays that left the stream
+// are destroyed, and their text contexts dropped.
+void take_gathered(StreamContext& c, const std::array<overlay_table_entry, kPositions>& fresh,
+                   const std::array<int32_t, kPositions>& handles) {
+  const auto former_slots = c.local;
+  const auto former_sources = c.sources;
+  std::array<int32_t, kPositions> former_handles{};
+  std::memcpy(former_handles.data(), c.handles, sizeof c.handles);
+  auto former_copies = std::move(c.copies);
+  c.copies = {};
+  std::array<bool, kPositions> unchanged{};
+
+  for (int i = 0; i < kPositions; ++i) {
+    const overlay_table_entry& source = fresh[i];
+    const int j = former_place(former_handles, former_slots, handles[i]);
+    unchanged[i] = j >= 0 && std::memcmp(&former_sources[j], &source, sizeof source) == 0;
+    // An unchanged entry keeps its local copy: a ticker keeps its position.
+    c.local[i] = unchanged[i] ? former_slots[j] : source;
+    c.sources[i] = source;
+    c.handles[i] = handles[i];
+    if (!needs_copy(source, c.height)) continue;
+    Copy& copy = c.copies[i];
+    if (unchanged[i]) {
+      copy = std::exchange(former_copies[j], Copy{});
+      continue;
+    }
+    copy.pending = true;
+    c.local[i].data.kernel_id = 0;
+    if (j >= 0 && former_slots[j].data.type == source.data.type) {
+      // The same overlay with a new record: its former copy stays shown
+      // until the new one is made, by the same renderer.
+      Copy& former = former_copies[j];
+      copy.previous = former.shown();
+      if (former.id != 0 && former.previous != 0) o_destroy_overlay(c.fd, former.previous);
+      former.id = former.previous = 0;
+      copy.render = std::move(former.render);
+      if (copy.render) render::reuse_glyph_cache(copy.render.get());
+    }
+  }
+  for (Copy& copy : former_copies) copy.destroy(c.fd);
+
+  c.texts = {};
+  GHashTableIter iter;
+  gpointer key = nullptr;
+  gpointer value = nullptr;
+  g_hash_table_iter_init(&iter, c.text_contexts);
+  while (g_hash_table_iter_next(&iter, &key, &value)) {
+    int place = -1;
+    for (int i = 0; i < kPositions && place < 0; ++i) {
+      if (c.handles[i] == GPOINTER_TO_INT(key) && c.local[i].in_use != 0 &&
+          c.local[i].data.type == OVERLAY_TYPE_MODIFIABLE_TEXT) {
+        place = i;
+      }
+    }
+    if (place < 0) {
+      g_hash_table_iter_remove(&iter);
+    } else {
+      static_cast<modifiable_text_context*>(value)->gathered_again(!unchanged[place]);
+    }
+  }
 }
 
 // Takes the lock and gathers the stream's entries afresh; false when the
 // lock cannot be had.
-bool gather(overlay_stream_context* context, CarriedRenderers& renderers) {
-  if (overlay_table_lock(context->table) != 0) return false;
-  context->version = next_version();
-  context->table_version = table::read_version(context->table->version);
-  if (context->stream_table != nullptr) {
-    context->stream_version = table::read_version(context->stream_table->version);
-  }
-  renderers.take_from(context->text_contexts);
-  _clear_osc_local_overlays(context);
-  overlay_table_get_entries(context->table, context->stream_table, context->slots, context->handles,
-                            context->channel, static_cast<int>(context->stream), context->filter);
-  for (int i = 0; i < kPositions; ++i) {
-    overlay_table_entry& slot = context->slots[i];
-    if (needs_copy(slot, context->height)) slot.data.kernel_id = 0;
-  }
-  overlay_table_unlock(context->table);
+bool gather(StreamContext& c) {
+  std::array<overlay_table_entry, kPositions> fresh{};
+  std::array<int32_t, kPositions> handles{};
+  if (overlay_table_lock(c.table) != 0) return false;
+  c.table_version = table::read_version(c.table->version);
+  if (c.stream_table != nullptr) c.stream_version = table::read_version(c.stream_table->version);
+  overlay_table_get_entries(c.table, c.stream_table, fresh.data(), handles.data(), c.channel,
+                            static_cast<int>(c.stream), c.filter);
+  overlay_table_unlock(c.table);
+  c.version = next_version();
+  take_gathered(c, fresh, handles);
   return true;
 }
 
-// Draws a legacy or scaled text for this stream; its id, or 0.
-int copy_text(overlay_stream_context* context, overlay_table_entry& slot) {
-  render_text_context* render = render_text_init(OVERLAY_FORMAT_PALETTE_4BIT);
-  if (render == nullptr) {
-    log_message(LOG_ERR,
-                "libzantrel: Failed to create render context for legacy / scaled text overlay\n");
-    return 0;
-  }
+// Makes the copy of slot i, within the call's budget.
+text::Outcome make_copy(StreamContext& c, int i) {
+  overlay_table_entry& slot = c.local[i];
+  Copy& copy = c.copies[i];
   int id = 0;
-  const int rc =
-      o_create_text_overlay(render, context, &slot.data.description.text, &slot.data, nullptr, &id);
-  render_text_destroy(render);
-  if (rc != 0) {
-    log_message(LOG_ERR, "libzantrel: Failed to create legacy / scaled text overlay\n");
-    return 0;
+  if (slot.data.type == OVERLAY_TYPE_SCALABLE_IMAGE) {
+    if (o_create_scaled_image_overlay_from_ovl_file(&slot.data.description.image, c.fd, &id,
+                                                    c.channel, c.width, c.height,
+                                                    &slot.data) != 0) {
+      return text::Outcome::kFailed;
+    }
+    const overlay& scaled = slot.data.description.image.overlay;
+    c.budget.spend(uint64_t{scaled.width} * scaled.height);
+  } else {
+    if (!copy.render) copy.render.reset(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
+    if (!copy.render) {
+      if (!copy.failed) {
+        log_message(LOG_ERR,
+                    "libzantrel: Failed to create render context for legacy / scaled text "
+                    "overlay\n");
+      }
+      return text::Outcome::kFailed;
+    }
+    copy.render->budget = &c.budget;
+    const text::Outcome outcome = text::create_text_overlay(
+        c.fd, copy.render.get(), &c, slot.data.description.text, slot.data, nullptr, id);
+    copy.render->budget = nullptr;
+    if (outcome == text::Outcome::kFailed && !copy.failed) {
+      log_message(LOG_ERR, "libzantrel: Failed to create legacy / scaled text overlay\n");
+    }
+    if (outcome != text::Outcome::kDone) return outcome;
   }
-  return id;
+  copy.id = id;
+  slot.data.kernel_id = id;
+  return text::Outcome::kDone;
 }
 
-// Writes the gathered overlays into the request; true when a modifiable text
-// has a position in it.
-bool compose(overlay_stream_context* context, overlay_encreq* request, bool gathered,
-             CarriedRenderers& renderers) {
+// Goes on with the copies still to be made, in priority order, while the
+// budget lasts; true when one was made (the composition changes). A copy
+// that failed is tried again on the next call.
+bool make_pending_copies(StreamContext& c) {
+  bool made = false;
+  for (int i = 0; i < kPositions && !c.budget.spent(); ++i) {
+    Copy& copy = c.copies[i];
+    if (!copy.pending) continue;
+    const text::Outcome outcome = make_copy(c, i);
+    if (outcome == text::Outcome::kDeferred) break;
+    if (outcome == text::Outcome::kFailed) {
+      copy.failed = true;
+      continue;
+    }
+    copy.pending = copy.failed = false;
+    if (copy.previous != 0) o_destroy_overlay(c.fd, copy.previous);
+    copy.previous = 0;
+    made = true;
+  }
+  return made;
+}
+
+// Writes the gathered overlays into the request and records where each
+// modifiable text goes.
+void compose(StreamContext& c, overlay_encreq* request) {
   for (int i = 0; i < kPositions; ++i) o_encode_set_overlay_id(request, i, 0);
   overlay_caps caps{};
   o_get_overlay_caps(&caps);
-  bool modifiable = false;
+  c.texts = {};
   uint32_t p = 0;
   for (int i = 0; i < kPositions && p < kPositions; ++i) {
-    overlay_table_entry& slot = context->slots[i];
+    const overlay_table_entry& slot = c.local[i];
     if (slot.in_use == 0) continue;
     const uint32_t n = positions_of(slot.data.type, caps);
     if (p + n > kPositions) continue;
+    const bool copied = needs_copy(slot, c.height);
+    const int32_t id = copied ? c.copies[i].shown() : slot.data.kernel_id;
     switch (slot.data.type) {
       case OVERLAY_TYPE_MODIFIABLE_TEXT: {
-        if (gathered) {
-          modifiable_text_context* text =
-              o_modifiable_text_context_get(context, context->handles[i]);
-          if (text == nullptr) continue;
-          renderers.give_to(text, context->handles[i]);
-          o_modifiable_text_context_update_count(text, static_cast<int>(p));
-        }
-        modifiable = true;
-        p += n;
-        continue;
+        modifiable_text_context* text = o_modifiable_text_context_get(&c, c.handles[i]);
+        if (text == nullptr) continue;
+        o_modifiable_text_context_update_count(text, static_cast<int>(p));
+        c.texts[i] = text;
+        break;
       }
-      case OVERLAY_TYPE_SCALABLE_IMAGE:
-        if (gathered) {
-          int id = 0;
-          if (o_create_scaled_image_overlay_from_ovl_file(&slot.data.description.image, context->fd,
-                                                          &id, context->channel, context->width,
-                                                          context->height, &slot.data) != 0) {
-            continue;
-          }
-          slot.data.kernel_id = id;
-        }
-        [[fallthrough]];
       case OVERLAY_TYPE_IMAGE:
-        if (slot.data.kernel_id == 0) continue;
-        o_encode_set_overlay_id(request, static_cast<int>(p),
-                                static_cast<uint32_t>(slot.data.kernel_id));
-        p += n;
-        continue;
-      case OVERLAY_TYPE_TEXT:
-        if (gathered && needs_copy(slot, context->height)) {
-          const int id = copy_text(context, slot);
-          if (id == 0) continue;
-          slot.data.kernel_id = id;
+      case OVERLAY_TYPE_SCALABLE_IMAGE:
+        if (id == 0) continue;
+        o_encode_set_overlay_id(request, static_cast<int>(p), static_cast<uint32_t>(id));
+        break;
+      default:
+        // Plain overlays and texts keep their positions, empty when there
+        // is nothing to show yet.
+        if (c.handles[i] > 0 && id > 0) {
+          o_encode_set_overlay_id(request, static_cast<int>(p), static_cast<uint32_t>(id));
         }
-        [[fallthrough]];
-      default: {
-        const bool shown = context->handles[i] > 0 && slot.data.kernel_id > 0;
-        o_encode_set_overlay_id(request, static_cast<int>(p),
-                                shown ? static_cast<uint32_t>(slot.data.kernel_id) : 0);
-        p += n;
-      }
     }
+    p += n;
   }
-  o_force_refresh_overlays(context->fd);
-  o_encode_set_version(request, static_cast<uint32_t>(context->version));
-  if (gathered) {
-    g_hash_table_foreach_remove(context->text_contexts,
-                                reinterpret_cast<GHRFunc>(o_remove_unused_modifiable_text_context),
-                                context->handles);
-  }
-  return modifiable;
+  o_force_refresh_overlays(c.fd);
+  o_encode_set_version(request, static_cast<uint32_t>(c.version));
 }
 
 struct TextUpdate {
@@ -222,32 +299,24 @@ struct TextUpdate {
 };
 
 // Draws each modifiable text for this frame and puts its id at its position.
-TextUpdate update_texts(overlay_stream_context* context, overlay_encreq* request,
+TextUpdate update_texts(StreamContext& c, overlay_encreq* request,
                         const overlay_expansion_params* params) {
   TextUpdate update;
-  GHashTableIter iter;
-  gpointer key = nullptr;
-  gpointer value = nullptr;
-  g_hash_table_iter_init(&iter, context->text_contexts);
-  while (g_hash_table_iter_next(&iter, &key, &value)) {
-    const int handle = GPOINTER_TO_INT(key);
-    auto* text = static_cast<modifiable_text_context*>(value);
-    overlay_table_entry* slot = nullptr;
-    for (int i = 0; i < kPositions && slot == nullptr; ++i) {
-      if (context->handles[i] == handle) slot = &context->slots[i];
-    }
-    if (slot == nullptr) continue;
-    const uint32_t id = o_get_modifiable_text_overlay_id(context, text, slot, params);
-    if (id < 1) {
-      log_message(LOG_ERR, "libzantrel: Could not get modifiable text id\n");
+  for (int i = 0; i < kPositions; ++i) {
+    modifiable_text_context* text = c.texts[i];
+    if (text == nullptr) continue;
+    overlay_table_entry& slot = c.local[i];
+    text->render->budget = &c.budget;
+    const modifiable_text_context::Drawn drawn = text->draw(c, slot, params);
+    text->render->budget = nullptr;
+    if (drawn.id < 1) {
+      if (!drawn.deferred) log_message(LOG_ERR, "libzantrel: Could not get modifiable text id\n");
       continue;
     }
-    if (o_update_scrolling_text(&slot->data, text, context->width, id) != 0) {
-      update.scrolled = true;
-    }
+    if (o_update_scrolling_text(&slot.data, text, c.width, drawn.id) != 0) update.scrolled = true;
     const int q = text->count;
-    if (q >= 0 && q < kPositions && o_encode_get_overlay_id(request, q) != id) {
-      o_encode_set_overlay_id(request, q, id);
+    if (q >= 0 && q < kPositions && o_encode_get_overlay_id(request, q) != drawn.id) {
+      o_encode_set_overlay_id(request, q, drawn.id);
       update.id_changed = true;
     }
   }
@@ -258,16 +327,15 @@ TextUpdate update_texts(overlay_stream_context* context, overlay_encreq* request
 
 void _clear_osc_local_overlays(overlay_stream_context* context) {
   if (context == nullptr || context->slots == nullptr) return;
+  StreamContext& c = state(context);
   for (int i = 0; i < kPositions; ++i) {
-    overlay_table_entry& slot = context->slots[i];
-    if (slot.in_use == 0) continue;
-    if (needs_copy(slot, context->height) && slot.data.kernel_id != 0) {
-      o_destroy_overlay(context->fd, slot.data.kernel_id);
-      slot.data.kernel_id = 0;
-    }
-    slot.in_use = 0;
+    c.copies[i].destroy(c.fd);
+    c.copies[i] = {};
+    c.local[i].in_use = 0;
+    c.sources[i] = {};
   }
-  if (context->text_contexts != nullptr) g_hash_table_remove_all(context->text_contexts);
+  c.texts = {};
+  if (c.text_contexts != nullptr) g_hash_table_remove_all(c.text_contexts);
 }
 
 }  // namespace zantrel::api
@@ -281,20 +349,14 @@ overlay_stream_context* overlay_stream_context_create(int fd, unsigned int chann
                                                       unsigned int stream, uint32_t /*unused*/,
                                                       uint32_t width, uint32_t height,
                                                       uint32_t filter) {
-  auto* context = g_try_new0(overlay_stream_context, 1);
+  auto* context = new (std::nothrow) StreamContext();
   if (context == nullptr) return nullptr;
-  context->slots =
-      static_cast<overlay_table_entry*>(calloc(kPositions, sizeof(overlay_table_entry)));
-  if (context->slots == nullptr) {
-    g_free(context);
-    return nullptr;
-  }
+  context->slots = context->local.data();
   context->text_contexts =
       g_hash_table_new_full(nullptr, nullptr, nullptr,
                             reinterpret_cast<GDestroyNotify>(o_modifiable_text_context_destroy));
   if (context->text_contexts == nullptr) {
-    free(context->slots);
-    g_free(context);
+    delete context;
     return nullptr;
   }
   context->fd = fd;
@@ -314,8 +376,16 @@ void overlay_stream_context_destroy(overlay_stream_context* context) {
   g_hash_table_unref(context->text_contexts);
   if (context->table != nullptr) overlay_table_unmap(context->table);
   if (context->stream_table != nullptr) overlay_table_unmap_stream(context->stream_table);
-  free(context->slots);
-  g_free(context);
+  delete &state(context);
+}
+
+int overlay_stream_context_set_work_bound(overlay_stream_context* context, uint32_t pixels) {
+  if (context == nullptr) {
+    log_message(LOG_ERR, "libzantrel: Need a valid stream context to set a work bound\n");
+    return -2;
+  }
+  state(context).bound = pixels;
+  return 0;
 }
 
 int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* request,
@@ -329,34 +399,26 @@ int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* req
     context->table = mapped_or_null(overlay_table_map());
     if (context->table == nullptr) return 0;
   }
+  StreamContext& c = state(context);
   // The change counters are read without the lock: a change seen late is
   // picked up by the next frame.
-  bool gathered = false;
-  CarriedRenderers renderers;
-  const uint32_t table_version = zantrel::table::read_version(context->table->version);
-  bool changed = table_version != context->table_version;
+  const uint32_t table_version = zantrel::table::read_version(c.table->version);
+  bool changed = table_version != c.table_version;
   if (!changed) {
-    changed =
-        context->stream_table != nullptr &&
-        zantrel::table::read_version(context->stream_table->version) != context->stream_version;
-  } else if (context->stream_table == nullptr) {
-    context->stream_table =
-        mapped_or_null(overlay_table_map_stream(static_cast<int>(context->stream)));
+    changed = c.stream_table != nullptr &&
+              zantrel::table::read_version(c.stream_table->version) != c.stream_version;
+  } else if (c.stream_table == nullptr) {
+    c.stream_table = mapped_or_null(overlay_table_map_stream(static_cast<int>(c.stream)));
   }
-  if (changed) {
-    if (!gather(context, renderers)) return 0;
-    gathered = true;
-  }
+  if (changed && !gather(c)) return 0;
 
-  const bool up_to_date = o_encode_get_version(request) == static_cast<uint32_t>(context->version);
-  if (!up_to_date && !compose(context, request, gathered, renderers)) return 0;
-  if (context->text_contexts == nullptr || g_hash_table_size(context->text_contexts) == 0) {
-    return 0;
-  }
-  const TextUpdate update = update_texts(context, request, params);
-  if (update.scrolled || (update.id_changed && up_to_date)) {
-    o_force_refresh_overlays(context->fd);
-  }
+  c.budget = {c.bound == 0 ? INT64_MAX : static_cast<int64_t>(c.bound), false};
+  // A copy made in this call changes what the request shows.
+  if (make_pending_copies(c) && !changed) c.version = next_version();
+  const bool up_to_date = o_encode_get_version(request) == static_cast<uint32_t>(c.version);
+  if (!up_to_date) compose(c, request);
+  const TextUpdate update = update_texts(c, request, params);
+  if (update.scrolled || (update.id_changed && up_to_date)) o_force_refresh_overlays(c.fd);
   return 0;
 }
 

@@ -9,7 +9,7 @@
 
 #include "api.h"
 #include "common/log.h"
-#include "text_overlay.h"
+#include "text.h"
 #include "tokenfill.h"
 
 namespace zantrel::api {
@@ -18,10 +18,7 @@ namespace {
 constexpr int kMaxFontSize = 200;
 constexpr int kMinimumSize = 16;
 
-struct RenderDeleter {
-  void operator()(render_text_context* context) const { render_text_destroy(context); }
-};
-using RenderContext = std::unique_ptr<render_text_context, RenderDeleter>;
+using RenderContext = text::RenderPtr;
 
 // A text with a modifier, or one that scrolls, changes while it is shown.
 int32_t text_type(const overlay_text& t) {
@@ -34,7 +31,7 @@ int32_t text_type(const overlay_text& t) {
 }
 
 // The caller's text, NUL-terminated within its 512 bytes.
-void bounded_copy(char (&out)[device::kTextSize], const overlay_text& t) {
+void bounded_copy(char (&out)[text::kTextSize], const overlay_text& t) {
   std::memcpy(out, t.text, sizeof out);
   out[sizeof out - 1] = '\0';
 }
@@ -45,13 +42,13 @@ void bounded_copy(char (&out)[device::kTextSize], const overlay_text& t) {
 void _make_dummy_text(char* out, const char* text) {
   tokenfill_context* context = tokenfill_init();
   if (context == nullptr) {
-    g_strlcpy(out, text, device::kTextSize);
+    g_strlcpy(out, text, text::kTextSize);
     return;
   }
   timeval now{};
   gettimeofday(&now, nullptr);
   context->use_local_time = 1;
-  tokenfill_expand(out, device::kTextSize, text, context, &now);
+  tokenfill_expand(out, text::kTextSize, text, context, &now);
   tokenfill_exit(context);
 }
 
@@ -62,9 +59,9 @@ namespace {
 int make_text_overlay(overlay_text* t, overlay_entry_data* data, int* kernel_id) {
   RenderContext render(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
   if (!render) return -1;
-  char text[device::kTextSize];
+  char text[text::kTextSize];
   bounded_copy(text, *t);
-  char expanded[device::kTextSize] = {};
+  char expanded[text::kTextSize] = {};
   _make_dummy_text(expanded, text);
   if (int rc = o_create_text_overlay(render.get(), nullptr, t, data, expanded, kernel_id);
       rc != 0) {
@@ -84,6 +81,16 @@ using zantrel::log_message;
 using namespace zantrel::api;
 
 extern "C" {
+
+int o_create_text_overlay(render_text_context* render, const overlay_stream_context* stream,
+                          overlay_text* t, overlay_entry_data* data, const char* text, int* id) {
+  if (t == nullptr || data == nullptr || id == nullptr) return -1;
+  const int fd = stream != nullptr ? stream->fd : o_get_fd();
+  return zantrel::text::create_text_overlay(fd, render, stream, *t, *data, text, *id) ==
+                 zantrel::text::Outcome::kDone
+             ? 0
+             : -1;
+}
 
 int overlay_text_create(overlay_text* t) {
   if (t == nullptr || t->font_size > kMaxFontSize) return -2;
@@ -150,16 +157,16 @@ uint32_t* overlay_text_render(const overlay_stream_context* stream, overlay_text
     return nullptr;
   }
   if (t == nullptr) return nullptr;
-  char own_text[zantrel::device::kTextSize];
+  char own_text[zantrel::text::kTextSize];
   if (text == nullptr) {
     bounded_copy(own_text, *t);
     text = own_text;
   }
-  const int size = zantrel::device::scaled_font_size(*t, stream);
+  const int size = zantrel::text::scaled_font_size(*t, stream);
   sized_buffer result{};
-  zantrel::device::LineList lines;
+  zantrel::text::LineList lines;
   if (t->overlay.legacy == 1 && stream != nullptr) {
-    const bool bottom = zantrel::device::at_bottom_edge(t->overlay.position);
+    const bool bottom = zantrel::text::at_bottom_edge(t->overlay.position);
     const int remainder = t->font_size % 16;
     result = render_text_buffer_legacy(
         render.get(), text, t->text_color, t->outline_color, t->background_color,

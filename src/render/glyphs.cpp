@@ -41,7 +41,12 @@ glyph_cache_entry* cached_glyph(render_text_context* context, const cairo_glyph_
       entry = nullptr;
     }
   }
-  return entry != nullptr ? entry : render_glyph(context, glyph, pad);
+  if (entry != nullptr) return entry;
+  if (context->budget != nullptr && context->budget->spent()) {
+    context->budget->deferred = true;
+    return nullptr;
+  }
+  return render_glyph(context, glyph, pad);
 }
 
 void reuse_glyph_cache(render_text_context* self) {
@@ -104,6 +109,7 @@ glyph_cache_entry* render_glyph(render_text_context* context, const cairo_glyph_
     return nullptr;
   }
   entry->extents = extents;
+  if (context->budget != nullptr) context->budget->spend_glyph(uint64_t{width} * height);
   g_hash_table_insert(context->glyph_cache, GUINT_TO_POINTER(glyph.index), entry);
   return entry;
 }

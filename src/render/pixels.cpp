@@ -42,6 +42,38 @@ void fill_rows(sized_buffer* buffer, uint32_t first_row, int32_t rows, uint32_t 
   std::fill_n(start, static_cast<size_t>(rows) * buffer->stride, word);
 }
 
+// The nearest palette colour of each distinct pixel colour, looked up once
+// per thread: glyphs have a few dozen colours over their thousands of
+// pixels, mostly the same ones, and the search over 16 entries costs hundreds
+// of instructions a pixel. Kept while the palette searched stays the same.
+class NearestColors {
+ public:
+  static NearestColors& of_thread(const uint32_t* palette) {
+    thread_local NearestColors colors;
+    if (colors.palette_ != palette) colors = NearestColors(palette);
+    return colors;
+  }
+  uint32_t index(uint32_t color) {
+    Place& place = places_[(color * 0x9E3779B1u) >> (32 - kBits)];
+    if (!place.used || place.color != color) {
+      place = {color, static_cast<uint32_t>(get_palette_value(color, palette_, 16, 0)), true};
+    }
+    return place.index;
+  }
+
+ private:
+  NearestColors() = default;
+  explicit NearestColors(const uint32_t* palette) : palette_(palette) {}
+  static constexpr int kBits = 9;
+  struct Place {
+    uint32_t color;
+    uint32_t index;
+    bool used;
+  };
+  const uint32_t* palette_ = nullptr;
+  Place places_[1u << kBits] = {};
+};
+
 }  // namespace
 
 sized_buffer* convert_glyph_surface(const uint8_t* pixels, uint32_t width, uint32_t height,
@@ -62,7 +94,7 @@ sized_buffer* convert_glyph_surface(const uint8_t* pixels, uint32_t width, uint3
     free(result);
     return nullptr;
   }
-  const uint32_t* palette = default_palette();
+  NearestColors& nearest = NearestColors::of_thread(default_palette());
   uint32_t* out = result->data;
   for (uint32_t row = 0; row < height; ++row) {
     const auto* in =
@@ -75,7 +107,7 @@ sized_buffer* convert_glyph_surface(const uint8_t* pixels, uint32_t width, uint3
     for (uint32_t word = 0; word < result->stride; ++word) {
       uint32_t packed = 0;
       for (uint32_t k = 0; k < pack->pixels_per_word; ++k) {
-        const auto index = static_cast<uint32_t>(get_palette_value(*in++, palette, 16, 0));
+        const uint32_t index = nearest.index(*in++);
         packed += (index & pack->mask) << (k * pack->bits);
       }
       *out++ = packed;

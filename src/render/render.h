@@ -15,6 +15,26 @@
 // The one font the library draws with; face 1 of the collection is used.
 #define FONT_PATH "/usr/share/fonts/truetype/wqy/wqy-microhei.ttc"
 
+namespace zantrel::render {
+
+// How much a renderer may draw in one call, counted in pixels drawn and
+// converted: deterministic, so a bounded frame draws the same pictures on
+// every machine. A glyph counts at least kGlyphPixels, since outlining it
+// costs about as much whatever its size. A glyph is drawn while some
+// allowance is left (so one glyph may overshoot it); a glyph met after that
+// is not drawn, the render stops with `deferred` set, and the same render
+// made again later goes on from the glyphs already cached.
+struct WorkBudget {
+  static constexpr uint64_t kGlyphPixels = 64 * 64;
+  int64_t left = INT64_MAX;
+  bool deferred = false;
+  void spend(uint64_t pixels) { left -= static_cast<int64_t>(pixels); }
+  void spend_glyph(uint64_t pixels) { spend(pixels > kGlyphPixels ? pixels : kGlyphPixels); }
+  bool spent() const { return left <= 0; }
+};
+
+}  // namespace zantrel::render
+
 // One drawn and converted glyph, owned by a context's cache.
 struct glyph_cache_entry {
   cairo_text_extents_t extents;
@@ -43,6 +63,8 @@ struct render_text_context {
   FT_Face ft_face;
   overlay_format format;
   cairo_font_face_t* font_face;
+  // The allowance of the call drawing with this context, or null for none.
+  zantrel::render::WorkBudget* budget;
 };
 
 namespace zantrel::render {

@@ -54,6 +54,11 @@ sized_buffer failed(sized_buffer& buffer) {
   return sized_buffer{};
 }
 
+// The render ran out of its allowance: nothing is drawn this time.
+bool deferred(const render_text_context* context) {
+  return context->budget != nullptr && context->budget->deferred;
+}
+
 // Copies the glyphs of one line starting at the pen position; a glyph that
 // could not be drawn is left out together with its advance.
 void draw_line(sized_buffer& result, const std::vector<glyph_cache_entry*>& entries, uint32_t pad,
@@ -133,6 +138,7 @@ sized_buffer render_text_buffer_multiline(render_text_context* context, char* co
     }
     text_width = std::max(text_width, static_cast<uint32_t>(width));
   }
+  if (deferred(context)) return {};
   text_width = round_up_16(text_width);
 
   uint32_t height = context->line_height * static_cast<uint32_t>(count) + 4 * m.pad;
@@ -187,6 +193,7 @@ sized_buffer render_text_buffer_legacy(render_text_context* context, const char*
   std::vector<glyph_cache_entry*> entries;
   entries.reserve(static_cast<size_t>(run.size()));
   for (const cairo_glyph_t& glyph : run) entries.push_back(cached_glyph(context, glyph, m.pad));
+  if (deferred(context)) return failed(result);
   draw_line(result, entries, m.pad, m.pad + context->ascent);
   return result;
 }

@@ -154,24 +154,27 @@ class EncodeRequest : public testing::Test {
     overlay_stream_context_destroy(context);
   }
 
-  // The stream's own overlay at position 0 is made afresh, of the same size,
-  // at the next gathering, and goes with the context; the table's stays.
-  void remade_then_gone(overlay_stream_context* ctx, overlay_encreq& request, uint32_t table_id,
-                        const overlay_expansion_params* params = nullptr) {
-    const uint32_t former = request.overlay_ids[0];
-    const internal_overlay before = record_of(former);
+  // The stream's own overlay at position 0 is kept, not drawn again, through
+  // a gathering that does not touch its entry, and goes with the context; the
+  // table's stays.
+  void kept_then_gone(overlay_stream_context* ctx, overlay_encreq& request, uint32_t table_id,
+                      const overlay_expansion_params* params = nullptr) {
+    const uint32_t copy = request.overlay_ids[0];
+    const int plain = make('P', 1);
     const int live = camsim_live_count();
-    on_stream(make('P', 1), ctx->stream);
+    const long creates = camsim_call_count(CAMSIM_CREATE_OVERLAY),
+               submits = camsim_call_count(CAMSIM_SUBMIT_BUFFER);
+    const uint32_t version = request.version;
+    on_stream(plain, ctx->stream);
     setup(ctx, request, params);
-    const uint32_t fresh = request.overlay_ids[0];
-    EXPECT_FALSE(alive(former)) << "the former copy goes at the gathering";
-    EXPECT_NE(fresh, table_id);
-    EXPECT_EQ(record_of(fresh).width, before.width);
-    EXPECT_EQ(record_of(fresh).height, before.height);
-    EXPECT_EQ(camsim_live_count(), live + 1);
-    destroy(ctx);
+    EXPECT_NE(request.version, version) << "gathered";
+    EXPECT_EQ(request.overlay_ids[0], copy);
+    EXPECT_EQ(camsim_call_count(CAMSIM_CREATE_OVERLAY), creates);
+    EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER), submits);
     EXPECT_EQ(camsim_live_count(), live);
-    EXPECT_TRUE(!alive(fresh) && (table_id == 0 || alive(table_id)));
+    destroy(ctx);
+    EXPECT_EQ(camsim_live_count(), live - 1);
+    EXPECT_TRUE(!alive(copy) && (table_id == 0 || alive(table_id)));
   }
 
   std::vector<overlay_stream_context*> contexts_;
@@ -314,7 +317,7 @@ struct CopyCase {
 };
 class StreamCopies : public EncodeRequest, public testing::WithParamInterface<CopyCase> {};
 
-TEST_P(StreamCopies, DrawnForTheStreamAndRemadeAtEveryGathering) {
+TEST_P(StreamCopies, DrawnForTheStreamAndKeptWhileItsEntryIsUnchanged) {
   const CopyCase& c = GetParam();
   const int text = on_stream(add_text("Gate 4", 20, c.legacy, c.scalable));
   const int other = on_stream(make('P', 10));
@@ -344,7 +347,7 @@ TEST_P(StreamCopies, DrawnForTheStreamAndRemadeAtEveryGathering) {
   EXPECT_EQ(record_of(shown).width, c.legacy != 0 ? c.width : t.overlay.width);
   EXPECT_EQ(record_of(shown).height, t.overlay.height);
   EXPECT_TRUE(c.legacy != 0 || t.overlay.height < record_of(table_id).height);
-  remade_then_gone(ctx, request, table_id);
+  kept_then_gone(ctx, request, table_id);
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, StreamCopies,
@@ -377,8 +380,8 @@ TEST_F(EncodeRequest, ScalableImageCopiedPerStream) {
     EXPECT_EQ(record_of(requests[s].overlay_ids[0]).height, streams[s][3]);
   }
   EXPECT_EQ(camsim_live_count(), 2);
-  remade_then_gone(contexts_[1], requests[1], 0);
-  remade_then_gone(contexts_[0], requests[0], 0);
+  kept_then_gone(contexts_[1], requests[1], 0);
+  kept_then_gone(contexts_[0], requests[0], 0);
 }
 
 struct ClockCase {
@@ -418,8 +421,8 @@ TEST_P(ClockTextFrames, DrawnAgainOnlyWhenTheTextChanged) {
   EXPECT_EQ(alive(first), !c.new_overlay);
   EXPECT_EQ(record_of(second).nbr_buffers, 3u);
   EXPECT_EQ(shown_pixels(second) != first_pixels, c.redrawn);
-  // A gathering ends the text context: the text is drawn afresh.
-  remade_then_gone(ctx, request, kernel_id(handle), &params);
+  // A gathering that does not touch the text keeps its text context.
+  kept_then_gone(ctx, request, kernel_id(handle), &params);
   tokenfill_exit(expansion);
 }
 
@@ -430,5 +433,72 @@ INSTANTIATE_TEST_SUITE_P(Frames, ClockTextFrames,
                              {"NextSecondStrftime", "%H:%M:%S", {1700000001, 0}, true, false},
                              {"LongerWeekdayNeedsANewOverlay", "%A", {1700086400, 0}, true, true}}),
                          kRowName);
+
+// A context bounded to about one glyph a call spreads the drawing of a
+// stream's copies and texts over frames: a copy still being drawn is not
+// shown (a changed one shows its former copy meanwhile), and once complete
+// everything looks as an unbounded context draws it at once.
+TEST_F(EncodeRequest, WorkBoundSpreadsDrawingOverFramesNeverShowingHalfACopy) {
+  const int text = on_stream(on_stream(add_text("North gate 4", 30, 0, 1), 0), 1);
+  const int clock = on_stream(on_stream(add_text("#T", 20), 0), 1);
+  overlay_stream_context* bounded = context(1280, 720, 0);
+  overlay_stream_context* unbounded = context(1280, 720, 1);
+  EXPECT_EQ(overlay_stream_context_set_work_bound(nullptr, 1), -2);
+  ASSERT_EQ(overlay_stream_context_set_work_bound(bounded, 1), 0);
+  ASSERT_EQ(overlay_stream_context_set_work_bound(unbounded, 0), 0);
+  overlay_encreq slow{}, fast{};
+  setup(unbounded, fast);
+  ASSERT_TRUE(alive(fast.overlay_ids[0]) && alive(fast.overlay_ids[1]));
+  ASSERT_NE(fast.overlay_ids[0], kernel_id(text));
+
+  // Frames until both are shown: at least one a glyph, never a half one.
+  auto frames_until_drawn = [&](uint32_t former_copy) {
+    int frames = 0;
+    do {
+      setup(bounded, slow);
+      ++frames;
+      // The former copy goes only once the new one is shown.
+      const uint32_t copy = slow.overlay_ids[0];
+      EXPECT_TRUE(former_copy == 0 || alive(former_copy) == (copy == former_copy)) << frames;
+    } while (frames < 40 && (slow.overlay_ids[0] == former_copy || slow.overlay_ids[1] == 0));
+    return frames;
+  };
+  EXPECT_GE(frames_until_drawn(0), 6);
+  for (int p = 0; p < 2; ++p)
+    EXPECT_EQ(shown_pixels(slow.overlay_ids[p]), shown_pixels(fast.overlay_ids[p])) << p;
+
+  // A new record of the text: its former copy stays shown until the new one
+  // is complete, and goes then.
+  const uint32_t former = slow.overlay_ids[0];
+  overlay_text t = entry(text).description.text;
+  std::snprintf(t.text, sizeof t.text, "South gate 7");
+  ASSERT_EQ(overlay_text_update(text, &t), 0);
+  setup(bounded, slow);
+  EXPECT_EQ(slow.overlay_ids[0], former);
+  EXPECT_GE(frames_until_drawn(former), 2);
+  EXPECT_FALSE(alive(former));
+  setup(unbounded, fast);
+  EXPECT_EQ(shown_pixels(slow.overlay_ids[0]), shown_pixels(fast.overlay_ids[0]));
+  EXPECT_TRUE(alive(kernel_id(clock)));
+}
+
+// A ticker goes on from where it is through changes that do not touch it.
+TEST_F(EncodeRequest, TickerKeepsItsPlaceThroughOtherChanges) {
+  overlay_text t{};
+  std::snprintf(t.text, sizeof t.text, "Doors close at 18:00");
+  t.font_size = 32;
+  t.scroll_speed = 10;
+  t.overlay.priority = 50;
+  t.overlay.position = {0.25F, 0.5F, 1, 1, OVERLAY_COORDS_NORMALIZED};
+  const int ticker = on_stream(overlay_text_create(&t));
+  overlay_stream_context* ctx = context();
+  overlay_encreq request{};
+  for (int frame = 0; frame < 5; ++frame) setup(ctx, request);
+  const uint32_t before = record_of(request.overlay_ids[0]).x;
+  on_stream(make('P', 1));
+  setup(ctx, request);
+  EXPECT_GT(record_of(request.overlay_ids[0]).x, before);
+  EXPECT_TRUE(alive(kernel_id(ticker)));
+}
 
 }  // namespace

@@ -203,7 +203,7 @@ TEST(VcamSoak, ProcessesStayFlat) {
       dir + "/stdout.txt");
   ASSERT_EQ(vcam.wait(), 0) << vcam.stderr_text();
   const std::string out = vcam_test::read_text(dir + "/stdout.txt");
-  EXPECT_NE(out.find("gatherings:      1280x720: 9, 640x360: 9"), std::string::npos) << out;
+  EXPECT_NE(out.find("compositions:    1280x720: 10, 640x360: 10"), std::string::npos) << out;
   EXPECT_NE(out.find("at 08.000s -> at 39.967s"), std::string::npos) << out;
   const std::string side = R"(VmSize (\d+) kB, VmRSS (\d+) kB, (\d+) fds)";
   const std::regex figures(side + " -> " + side);

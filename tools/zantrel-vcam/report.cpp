@@ -66,7 +66,7 @@ void print_summary(std::FILE* out, const EncoderReport& report,
   std::fprintf(out, "  frames:          %u per stream (%.3f s of video at %d fps), %u streams\n",
                report.frames, static_cast<double>(report.frames) / kFramesPerSecond,
                kFramesPerSecond, report.streams);
-  std::fprintf(out, "  gatherings:      ");
+  std::fprintf(out, "  compositions:    ");
   for (size_t i = 0; i < streams.size() && i < kMaxStreams; ++i) {
     std::fprintf(out, "%s%s: %u", i == 0 ? "" : ", ", to_string(streams[i]).c_str(),
                  report.gatherings[i]);
@@ -90,6 +90,8 @@ void print_summary(std::FILE* out, const EncoderReport& report,
   std::fprintf(out, "  setup time:      mean %.1f us, worst %.1f us over %llu calls\n", mean_us,
                static_cast<double>(report.setup_worst_ns) / 1000.0,
                static_cast<unsigned long long>(report.setup_calls));
+  std::fprintf(out, "  worst frame:     %.1f us, frame %u (the calls of every stream)\n",
+               static_cast<double>(report.frame_worst_ns) / 1000.0, report.frame_worst);
   const double quiet_us = report.quiet_calls == 0
                               ? 0.0
                               : static_cast<double>(report.quiet_total_ns) /

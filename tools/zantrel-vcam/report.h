@@ -34,10 +34,14 @@ struct RunFigures {
 struct EncoderReport {
   uint32_t frames = 0;  // frames encoded on every stream
   uint32_t streams = 0;
-  uint32_t gatherings[kMaxStreams] = {};  // context version increments
+  // Context version increments: gatherings, and compositions that show a
+  // copy whose drawing was spread over frames.
+  uint32_t gatherings[kMaxStreams] = {};
   uint64_t setup_calls = 0;
   uint64_t setup_total_ns = 0;
   uint64_t setup_worst_ns = 0;
+  uint64_t frame_worst_ns = 0;  // the calls of all streams for one frame
+  uint32_t frame_worst = 0;     // that frame's number
   // The calls that gathered nothing: the steady state of a frame.
   uint64_t quiet_calls = 0;
   uint64_t quiet_total_ns = 0;
