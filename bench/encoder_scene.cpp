@@ -102,9 +102,9 @@ class Encoder {
     expansion_->use_local_time = 1;  // as a camera shows its time
     params_ = {expansion_, &now_};
     for (const Size& size : sizes) {
-      overlay_stream_context* context = overlay_stream_context_create(
-          o_get_fd(), 0, static_cast<unsigned>(contexts_.size()), 0, size.width, size.height,
-          kAllFilters);
+      overlay_stream_context* context =
+          overlay_stream_context_create(o_get_fd(), 0, static_cast<unsigned>(contexts_.size()), 0,
+                                        size.width, size.height, kAllFilters);
       if (context == nullptr) fail("overlay_stream_context_create");
       if (bound != kUnset) overlay_stream_context_set_work_bound(context, bound);
       contexts_.push_back(context);
@@ -132,8 +132,8 @@ class Encoder {
       CALLGRIND_ZERO_STATS;
       overlay_setup_in_encreq(contexts_[s], &requests_[s], &params_);
       changed_ = changed_ || std::memcmp(&before, &requests_[s], sizeof before) != 0;
-      const std::string label = "frame " + std::to_string(frame) + " stream " +
-                                std::to_string(s) + " " + std::to_string(requests_[s].version);
+      const std::string label = "frame " + std::to_string(frame) + " stream " + std::to_string(s) +
+                                " " + std::to_string(requests_[s].version);
       CALLGRIND_DUMP_STATS_AT(label.c_str());
     }
   }

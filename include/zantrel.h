@@ -558,10 +558,9 @@ ZANTREL_API int overlay_setup_in_encreq(overlay_stream_context* context, overlay
  * may do, in glyph pixels drawn (a scaled image counts its pixels); 0 means
  * unbounded. Work left over goes on in the following calls: until an
  * overlay's new copy is complete the request shows its previous copy, or
- * nothing at its place when there is none. The default, 28672 (seven glyphs of 64x64 pixels), keeps every
- * call of a full scene far inside a frame on the camera. The encoder's
- * thread of the stream calls it, like overlay_setup_in_encreq. Returns 0, or
- * -2 (logged) for a NULL context. */
+ * nothing at its place when there is none. The default, 28672 (seven glyphs of 64x64 pixels), keeps
+ * every call of a full scene far inside a frame on the camera. The encoder's thread of the stream
+ * calls it, like overlay_setup_in_encreq. Returns 0, or -2 (logged) for a NULL context. */
 ZANTREL_API int overlay_stream_context_set_work_bound(overlay_stream_context* context,
                                                       uint32_t pixels);
 

@@ -64,10 +64,10 @@ T* mapped_or_null(T* mapping) {
 
 // The hardware copy of one gathered overlay, drawn for this stream.
 struct Copy {
-  int32_t id = 0;        // the copy of the entry as gathered, once made
-  int32_t previous = 0;  // the copy of the overlay's former record, shown until id is made
-  bool pending = false;  // still to be made
-  bool failed = false;   // the last attempt failed and was logged
+  int32_t id = 0;          // the copy of the entry as gathered, once made
+  int32_t previous = 0;    // the copy of the overlay's former record, shown until id is made
+  bool pending = false;    // still to be made
+  bool failed = false;     // the last attempt failed and was logged
   text::RenderPtr render;  // a text copy's renderer, kept with its glyph cache
 
   int32_t shown() const { return id != 0 ? id : previous; }
@@ -101,8 +101,7 @@ StreamContext& state(overlay_stream_context* context) {
 // first composition is 1; 0 is never handed out.
 int32_t next_version() {
   static std::atomic<uint32_t> compositions{0};
-  return static_cast<int32_t>(compositions.fetch_add(1, std::memory_order_relaxed) % INT32_MAX +
-                              1);
+  return static_cast<int32_t>(compositions.fetch_add(1, std::memory_order_relaxed) % INT32_MAX + 1);
 }
 
 // The gathered place of the handle before this gathering, or -1.

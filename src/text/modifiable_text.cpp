@@ -106,9 +106,9 @@ void modifiable_text_context::gathered_again(bool record_changed) {
   if (render) zantrel::render::reuse_glyph_cache(render.get());
 }
 
-modifiable_text_context::Drawn modifiable_text_context::draw(const overlay_stream_context& stream,
-                                                             overlay_table_entry& slot,
-                                                             const overlay_expansion_params* params) {
+modifiable_text_context::Drawn modifiable_text_context::draw(
+    const overlay_stream_context& stream, overlay_table_entry& slot,
+    const overlay_expansion_params* params) {
   overlay_text& t = slot.data.description.text;
   // Compared with what would be drawn (the size render_text uses, not the
   // render context's em size), so that a text is not drawn again every frame

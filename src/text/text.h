@@ -108,7 +108,7 @@ struct modifiable_text_context {
   void forget_buffers();
 
   std::array<char, zantrel::text::kTextSize> text_{};  // the expanded text last drawn
-  uint32_t buffer_size_ = 0;  // bytes of kernel_id's buffers
+  uint32_t buffer_size_ = 0;                           // bytes of kernel_id's buffers
   // The buffers of kernel_id stay mapped while it lives: a clock redrawn
   // every second then costs no mmap and munmap (and no TLB flush) a frame.
   struct BufferMapping {

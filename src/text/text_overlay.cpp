@@ -61,7 +61,6 @@ bool write_dual_copy(unsigned char* buffer, size_t buffer_size, const sized_buff
   return true;
 }
 
-
 Outcome render_text(sized_buffer& out, const overlay_text& t, render_text_context* render,
                     const overlay_stream_context* stream, const char* text) {
   if (render == nullptr) return Outcome::kFailed;
@@ -70,8 +69,8 @@ Outcome render_text(sized_buffer& out, const overlay_text& t, render_text_contex
   sized_buffer result{};
   if (drawn_as_legacy(t, stream)) {
     result = render_text_buffer_legacy(render, text, t.text_color, t.outline_color,
-                                       t.background_color, t.background_color, size,
-                                       stream->width, at_bottom_edge(t.overlay.position) ? 8 : 0);
+                                       t.background_color, t.background_color, size, stream->width,
+                                       at_bottom_edge(t.overlay.position) ? 8 : 0);
   } else {
     LineList lines;
     if (lines.split(text) != 0) {
