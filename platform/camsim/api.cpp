@@ -167,7 +167,8 @@ CAMSIM_API int camsim_fail_call(unsigned kinds, long k, int error) {
 CAMSIM_API long camsim_counted_calls(int* failed) {
   return locked([&](const Attachment& a) {
     camsim::SweepPoint& sweep = a.state->sweep;
-    if (failed != nullptr) *failed = static_cast<int>(std::atomic_ref<std::uint32_t>(sweep.failed).load());
+    if (failed != nullptr)
+      *failed = static_cast<int>(std::atomic_ref<std::uint32_t>(sweep.failed).load());
     return static_cast<long>(std::atomic_ref<std::int64_t>(sweep.counted).load());
   });
 }

@@ -87,7 +87,8 @@ const Attachment* do_attach(bool create) {
   std::lock_guard guard(g_attach_mutex);
   if (const Attachment* a = g_attachment.load(std::memory_order_acquire)) return a;
 
-  const int fd = libc_shm_open(CAMSIM_STATE_NAME, O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
+  const int fd =
+      libc_shm_open(CAMSIM_STATE_NAME, O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
   if (fd < 0) return nullptr;
   // The file lock makes creation and initialisation one step for every
   // process that attaches at the same time; it dies with its holder.

@@ -128,9 +128,13 @@ int overlay_update(int handle, const overlay* ovl) {
       stored.priority = ovl->priority;
       stored.ignore_stream_filter = ovl->ignore_stream_filter;
       if (utils_compare_overlay_position(&ovl->position, &stored.position) != 0) {
+        const overlay_position former = stored.position;
         stored.position = ovl->position;
         if (entry->data.kernel_id > 0 &&
             o_set_overlay_position(o_get_fd(), entry->data.kernel_id, &entry->data) != 0) {
+          // The table keeps the place the driver shows, so that the same
+          // call made again moves the overlay.
+          stored.position = former;
           return -1;
         }
       }

@@ -8,6 +8,7 @@
 
 #include "common/log.h"
 #include "common/mapping.h"
+#include "kept_overlays.h"
 
 namespace zantrel::device {
 namespace {
@@ -124,7 +125,7 @@ int o_create_text_overlay(render_text_context* render, const overlay_stream_cont
   }
   if (!buffer || !write_dual_copy(buffer.bytes(), buffer.size(), rendered)) {
     const int error = buffer ? ENOSPC : errno;
-    o_destroy_overlay(fd, new_id);
+    zantrel::device::destroy_or_keep(fd, new_id);
     zantrel::log_message(LOG_ERR, "libzantrel: Failed to map overlay buffer: %s\n",
                          zantrel::error_text(error));
     free(rendered.data);
@@ -133,7 +134,13 @@ int o_create_text_overlay(render_text_context* render, const overlay_stream_cont
   buffer.reset();
   // t may be the description itself (a stream context's local copy).
   std::memmove(&data->description.text, t, sizeof *t);
-  o_submit_overlay_buffer(fd, new_id, offset, 0);
+  // An overlay whose text never reached the screen is a failure to report,
+  // not an overlay to keep.
+  if (o_submit_overlay_buffer(fd, new_id, offset, 0) != 0) {
+    zantrel::device::destroy_or_keep(fd, new_id);
+    free(rendered.data);
+    return -1;
+  }
   *id = new_id;
   free(rendered.data);
   return 0;
