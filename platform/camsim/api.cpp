@@ -152,6 +152,27 @@ CAMSIM_API int camsim_inject_fault(camsim_command command, int count, int error)
   }));
 }
 
+CAMSIM_API int camsim_fail_call(unsigned kinds, long k, int error) {
+  if ((kinds & ~CAMSIM_CALL_ALL) != 0 || k < 0 || (k > 0 && error <= 0)) return fail(EINVAL);
+  return static_cast<int>(locked([&](const Attachment& a) {
+    camsim::SweepPoint& sweep = a.state->sweep;
+    std::atomic_ref<std::uint32_t>(sweep.kinds).store(0);
+    if (kinds == 0) return 0L;  // stopped; what was counted stays readable
+    sweep = camsim::SweepPoint{0, error, k, 0, 0, 0};
+    std::atomic_ref<std::uint32_t>(sweep.kinds).store(kinds, std::memory_order_release);
+    return 0L;
+  }));
+}
+
+CAMSIM_API long camsim_counted_calls(int* failed) {
+  return locked([&](const Attachment& a) {
+    camsim::SweepPoint& sweep = a.state->sweep;
+    if (failed != nullptr)
+      *failed = static_cast<int>(std::atomic_ref<std::uint32_t>(sweep.failed).load());
+    return static_cast<long>(std::atomic_ref<std::int64_t>(sweep.counted).load());
+  });
+}
+
 CAMSIM_API int camsim_inject_stall(camsim_command command) {
   if (command != CAMSIM_CREATE_OVERLAY && command != CAMSIM_DESTROY_OVERLAY &&
       command != CAMSIM_SUBMIT_BUFFER)

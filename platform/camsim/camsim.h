@@ -155,6 +155,24 @@ CAMSIM_API long camsim_open_count(void);
  * clears the fault. */
 CAMSIM_API int camsim_inject_fault(camsim_command command, int count, int error);
 
+/* Kinds of call for a sweep over failure points. */
+#define CAMSIM_CALL_COMMAND 1u   /* any driver command on a node */
+#define CAMSIM_CALL_MMAP 2u      /* mmap of a file or node (not anonymous memory) */
+#define CAMSIM_CALL_SHM_OPEN 4u  /* shm_open */
+#define CAMSIM_CALL_FTRUNCATE 8u /* ftruncate */
+#define CAMSIM_CALL_OPEN 16u     /* open, openat and fopen of any path, nodes included */
+#define CAMSIM_CALL_ALL 31u
+
+/* From now on, counts the calls of the kinds in `kinds` that any process
+ * makes in a program that loads the simulator, and makes the `k`-th of them
+ * (1: the next) fail with `error` before it is made; k = 0 only counts. A
+ * kinds of 0 stops counting and keeps the count. The simulator's own files
+ * are not counted. */
+CAMSIM_API int camsim_fail_call(unsigned kinds, long k, int error);
+/* Calls counted since camsim_fail_call; `failed` (may be null) receives 1
+ * when the chosen call has failed. */
+CAMSIM_API long camsim_counted_calls(int* failed);
+
 /* The next call of `command` (create, destroy or submit only) stops half
  * done, holding the driver lock, until its process is killed. For tests of
  * a client that dies in the middle of a command. */

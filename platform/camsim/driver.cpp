@@ -348,6 +348,7 @@ int run_command(const Attachment& a, int node, unsigned long request, void* arg)
     ++s.calls[cmd];
     // Overlays, buffers and palettes belong to "/dev/cam0" alone.
     if (cmd == CAMSIM_UNKNOWN_COMMAND || (!stream_config && node != kOverlayNode)) return -ENOTTY;
+    if (sweep_fails(CAMSIM_CALL_COMMAND)) return -s.sweep.error;
     if (s.faults[cmd].remaining > 0) {
       --s.faults[cmd].remaining;
       return -s.faults[cmd].error;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 
 #include "driver.h"
 #include "state.h"
@@ -40,6 +41,10 @@ using ioctl_fn = int (*)(int, unsigned long, ...);
 using access_fn = int (*)(const char*, int);
 using mmap_fn = void* (*)(void*, size_t, int, int, int, off_t);
 using mmap64_fn = void* (*)(void*, size_t, int, int, int, off64_t);
+using shm_open_fn = int (*)(const char*, int, mode_t);
+using ftruncate_fn = int (*)(int, off_t);
+using ftruncate64_fn = int (*)(int, off64_t);
+using fopen_fn = FILE* (*)(const char*, const char*);
 
 // The mode argument exists only when the flags ask for one.
 bool takes_mode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
@@ -65,6 +70,7 @@ int missing(void) {
   }
 
 CAMSIM_INTERPOSED int open(const char* path, int flags, ...) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   CAMSIM_READ_MODE(mode, flags);
   if (const int node = camsim::node_of_path(path); node >= 0)
     return camsim::open_node_descriptor(node, flags);
@@ -73,6 +79,7 @@ CAMSIM_INTERPOSED int open(const char* path, int flags, ...) {
 }
 
 CAMSIM_INTERPOSED int open64(const char* path, int flags, ...) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   CAMSIM_READ_MODE(mode, flags);
   if (const int node = camsim::node_of_path(path); node >= 0)
     return camsim::open_node_descriptor(node, flags);
@@ -81,6 +88,7 @@ CAMSIM_INTERPOSED int open64(const char* path, int flags, ...) {
 }
 
 CAMSIM_INTERPOSED int openat(int dirfd, const char* path, int flags, ...) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   CAMSIM_READ_MODE(mode, flags);
   // Absolute paths ignore dirfd, so only they can name a node.
   if (const int node = camsim::node_of_path(path); node >= 0)
@@ -90,6 +98,7 @@ CAMSIM_INTERPOSED int openat(int dirfd, const char* path, int flags, ...) {
 }
 
 CAMSIM_INTERPOSED int openat64(int dirfd, const char* path, int flags, ...) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   CAMSIM_READ_MODE(mode, flags);
   if (const int node = camsim::node_of_path(path); node >= 0)
     return camsim::open_node_descriptor(node, flags);
@@ -99,6 +108,7 @@ CAMSIM_INTERPOSED int openat64(int dirfd, const char* path, int flags, ...) {
 
 // The fortified variants that _FORTIFY_SOURCE builds call instead.
 CAMSIM_INTERPOSED int __open_2(const char* path, int flags) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   if (const int node = camsim::node_of_path(path); node >= 0)
     return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__open_2, open2_fn);
@@ -106,6 +116,7 @@ CAMSIM_INTERPOSED int __open_2(const char* path, int flags) {
 }
 
 CAMSIM_INTERPOSED int __open64_2(const char* path, int flags) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   if (const int node = camsim::node_of_path(path); node >= 0)
     return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__open64_2, open2_fn);
@@ -113,6 +124,7 @@ CAMSIM_INTERPOSED int __open64_2(const char* path, int flags) {
 }
 
 CAMSIM_INTERPOSED int __openat_2(int dirfd, const char* path, int flags) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   if (const int node = camsim::node_of_path(path); node >= 0)
     return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__openat_2, openat2_fn);
@@ -120,6 +132,7 @@ CAMSIM_INTERPOSED int __openat_2(int dirfd, const char* path, int flags) {
 }
 
 CAMSIM_INTERPOSED int __openat64_2(int dirfd, const char* path, int flags) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return -1;
   if (const int node = camsim::node_of_path(path); node >= 0)
     return camsim::open_node_descriptor(node, flags);
   auto next = CAMSIM_NEXT(__openat64_2, openat2_fn);
@@ -171,6 +184,7 @@ void* map_node(int node, void* address, std::size_t length, int prot, int flags,
 CAMSIM_INTERPOSED void* mmap(void* address, size_t length, int prot, int flags, int fd,
                              off_t offset) noexcept {
   if ((flags & MAP_ANONYMOUS) == 0) {
+    if (camsim::sweep_fails(CAMSIM_CALL_MMAP)) return MAP_FAILED;
     if (const int node = camsim::node_of_descriptor(fd); node >= 0)
       return map_node(node, address, length, prot, flags, fd, offset);
   }
@@ -180,6 +194,7 @@ CAMSIM_INTERPOSED void* mmap(void* address, size_t length, int prot, int flags, 
 CAMSIM_INTERPOSED void* mmap64(void* address, size_t length, int prot, int flags, int fd,
                                off64_t offset) noexcept {
   if ((flags & MAP_ANONYMOUS) == 0) {
+    if (camsim::sweep_fails(CAMSIM_CALL_MMAP)) return MAP_FAILED;
     if (const int node = camsim::node_of_descriptor(fd); node >= 0)
       return map_node(node, address, length, prot, flags, fd, offset);
   }
@@ -205,4 +220,49 @@ CAMSIM_INTERPOSED int access(const char* path, int mode) noexcept {
   if (camsim::node_of_path(path) >= 0) return 0;
   auto next = CAMSIM_NEXT(access, access_fn);
   return next != nullptr ? next(path, mode) : missing();
+}
+
+// Shared-memory objects and file sizes go to the C library, but a sweep over
+// failure points may fail them.
+int camsim::libc_shm_open(const char* name, int flags, mode_t mode) {
+  auto next = CAMSIM_NEXT(shm_open, shm_open_fn);
+  return next != nullptr ? next(name, flags, mode) : missing();
+}
+
+int camsim::libc_ftruncate(int fd, off_t length) {
+  auto next = CAMSIM_NEXT(ftruncate, ftruncate_fn);
+  return next != nullptr ? next(fd, length) : missing();
+}
+
+CAMSIM_INTERPOSED int shm_open(const char* name, int flags, mode_t mode) {
+  if (camsim::sweep_fails(CAMSIM_CALL_SHM_OPEN)) return -1;
+  return camsim::libc_shm_open(name, flags, mode);
+}
+
+CAMSIM_INTERPOSED int ftruncate(int fd, off_t length) noexcept {
+  if (camsim::sweep_fails(CAMSIM_CALL_FTRUNCATE)) return -1;
+  return camsim::libc_ftruncate(fd, length);
+}
+
+CAMSIM_INTERPOSED int ftruncate64(int fd, off64_t length) noexcept {
+  if (camsim::sweep_fails(CAMSIM_CALL_FTRUNCATE)) return -1;
+  auto next = CAMSIM_NEXT(ftruncate64, ftruncate64_fn);
+  return next != nullptr ? next(fd, length) : missing();
+}
+
+// The C library's fopen opens its file without going through open().
+CAMSIM_INTERPOSED FILE* fopen(const char* path, const char* mode) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return nullptr;
+  auto next = CAMSIM_NEXT(fopen, fopen_fn);
+  if (next != nullptr) return next(path, mode);
+  errno = ENOSYS;
+  return nullptr;
+}
+
+CAMSIM_INTERPOSED FILE* fopen64(const char* path, const char* mode) {
+  if (camsim::sweep_fails(CAMSIM_CALL_OPEN)) return nullptr;
+  auto next = CAMSIM_NEXT(fopen64, fopen_fn);
+  if (next != nullptr) return next(path, mode);
+  errno = ENOSYS;
+  return nullptr;
 }

@@ -72,7 +72,7 @@ std::string node_name(int node) { return "/camsim_node_" + std::to_string(node);
 // Every node is an empty file of its own, so that a node's descriptor says
 // which node it is and gives no access to the driver's state.
 bool make_node_file(int node, dev_t state_dev, ino_t& ino) {
-  const int fd = shm_open(node_name(node).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  const int fd = libc_shm_open(node_name(node).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) return false;
   struct stat st {};
   const bool ok = fstat(fd, &st) == 0 && st.st_dev == state_dev;
@@ -87,7 +87,8 @@ const Attachment* do_attach(bool create) {
   std::lock_guard guard(g_attach_mutex);
   if (const Attachment* a = g_attachment.load(std::memory_order_acquire)) return a;
 
-  const int fd = shm_open(CAMSIM_STATE_NAME, O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
+  const int fd =
+      libc_shm_open(CAMSIM_STATE_NAME, O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
   if (fd < 0) return nullptr;
   // The file lock makes creation and initialisation one step for every
   // process that attaches at the same time; it dies with its holder.
@@ -100,7 +101,7 @@ const Attachment* do_attach(bool create) {
   struct stat st {};
   bool ok = fstat(fd, &st) == 0;
   const bool wrong_size = ok && static_cast<std::uint64_t>(st.st_size) != kFileSize;
-  if (ok && wrong_size) ok = ftruncate(fd, static_cast<off_t>(kFileSize)) == 0;
+  if (ok && wrong_size) ok = libc_ftruncate(fd, static_cast<off_t>(kFileSize)) == 0;
   if (ok && wrong_size) (void)fchmod(fd, 0666);  // every user's processes share it
   ino_t nodes[CAMSIM_NBR_NODES] = {};
   for (int n = 0; ok && n < CAMSIM_NBR_NODES; ++n) ok = make_node_file(n, st.st_dev, nodes[n]);
@@ -128,6 +129,19 @@ const Attachment* do_attach(bool create) {
 
 const Attachment* attach() { return do_attach(true); }
 
+bool sweep_fails(unsigned kind) {
+  const Attachment* a = g_attachment.load(std::memory_order_acquire);
+  if (a == nullptr) return false;  // no driver here, so no sweep either
+  SweepPoint& sweep = a->state->sweep;
+  if ((std::atomic_ref<std::uint32_t>(sweep.kinds).load(std::memory_order_acquire) & kind) == 0)
+    return false;
+  const std::int64_t n = std::atomic_ref<std::int64_t>(sweep.counted).fetch_add(1) + 1;
+  if (n != std::atomic_ref<std::int64_t>(sweep.fail_at).load()) return false;
+  std::atomic_ref<std::uint32_t>(sweep.failed).store(1);
+  errno = sweep.error;
+  return true;
+}
+
 const Attachment* attach_existing() { return do_attach(false); }
 
 int node_of_descriptor(int fd) {
@@ -153,7 +167,7 @@ int open_node_descriptor(int node, int flags) {
   }
   // A descriptor of its own (not a dup) so that it behaves as a freshly
   // opened node: own file description, the caller's access mode.
-  const int fd = shm_open(node_name(node).c_str(), flags & O_ACCMODE, 0);
+  const int fd = libc_shm_open(node_name(node).c_str(), flags & O_ACCMODE, 0);
   if (fd >= 0 && (flags & O_CLOEXEC) == 0) {
     const int fdflags = fcntl(fd, F_GETFD);
     if (fdflags >= 0) (void)fcntl(fd, F_SETFD, fdflags & ~FD_CLOEXEC);
@@ -181,6 +195,7 @@ void reset_locked(const Attachment& a) {
   s.refreshes = 0;
   s.opens = 0;
   std::memset(s.faults, 0, sizeof s.faults);
+  std::memset(&s.sweep, 0, sizeof s.sweep);
   std::memset(s.stall_armed, 0, sizeof s.stall_armed);
   std::atomic_ref<std::uint32_t>(s.stalled).store(0);
   std::memset(s.page_map, 0, sizeof s.page_map);

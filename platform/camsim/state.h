@@ -13,7 +13,7 @@
 namespace camsim {
 
 inline constexpr std::uint32_t kMagic = 0x4D495343u;  // "CSIM"
-inline constexpr std::uint32_t kLayoutVersion = 4;
+inline constexpr std::uint32_t kLayoutVersion = 5;
 inline constexpr std::size_t kPage = 4096;
 inline constexpr std::size_t kArenaPages = CAMSIM_ARENA_BYTES / kPage;
 inline constexpr std::uint32_t kMaxId = 0x7FFFFFFFu;  // ids stay positive as int32
@@ -44,6 +44,17 @@ struct Fault {
   std::int32_t error;
 };
 
+// One failure point of a sweep: the calls of the chosen kinds are counted,
+// from every process and without the lock, and the `fail_at`-th fails.
+struct SweepPoint {
+  std::uint32_t kinds;  // CAMSIM_CALL_* bits; 0: not counting
+  std::int32_t error;
+  std::int64_t fail_at;  // 0: count only
+  std::int64_t counted;
+  std::uint32_t failed;  // 1 once the chosen call failed
+  std::uint32_t unused;
+};
+
 struct SharedState {
   std::uint32_t magic;  // written last when the file is initialised
   std::uint32_t layout_version;
@@ -68,6 +79,7 @@ struct SharedState {
   Fault faults[CAMSIM_NBR_COMMANDS];
   std::uint32_t stall_armed[CAMSIM_NBR_COMMANDS];
   std::uint32_t stalled;  // accessed atomically, also without the lock
+  SweepPoint sweep;
 
   std::uint8_t page_map[kArenaPages / 8];  // one bit a page, set = in use
 };
@@ -97,6 +109,15 @@ int node_of_descriptor(int fd);
 
 // Opens a new descriptor of a node (flags of open()).
 int open_node_descriptor(int node, int flags);
+
+// Whether this call, of one CAMSIM_CALL_* kind, is the one a sweep fails;
+// sets errno to the sweep's error when it is.
+bool sweep_fails(unsigned kind);
+
+// The C library's shm_open and ftruncate, for the simulator's own files:
+// they are never counted by a sweep.
+int libc_shm_open(const char* name, int flags, mode_t mode);
+int libc_ftruncate(int fd, off_t length);
 
 // The C library's mmap, for the simulator's own mappings.
 void* libc_mmap(void* address, std::size_t length, int prot, int flags, int fd, off_t offset);

@@ -38,6 +38,13 @@ int _get_ovl_file_modified_time(const char* path, uint32_t* time) {
 
 }  // namespace zantrel::api
 
+namespace zantrel::api {
+namespace {
+int create_image(overlay_image* image);
+int update_image(int handle, overlay_image* image);
+}  // namespace
+}  // namespace zantrel::api
+
 using zantrel::log_message;
 using namespace zantrel::api;
 
@@ -91,6 +98,20 @@ int overlay_get_scalable_image_dimension(const char* directory, uint32_t* width,
 
 int overlay_image_create(overlay_image* image) {
   if (image == nullptr) return -2;
+  return api_call("overlay_image_create", [&] { return create_image(image); });
+}
+
+int overlay_image_update(int handle, overlay_image* image) {
+  if (image == nullptr) return -2;
+  return api_call("overlay_image_update", [&] { return update_image(handle, image); });
+}
+
+}  // extern "C"
+
+namespace zantrel::api {
+namespace {
+
+int create_image(overlay_image* image) {
   int kernel_id = 0;
   overlay_entry_data data{};
   zantrel::table::MappedTable table = zantrel::table::map_table();
@@ -105,7 +126,7 @@ int overlay_image_create(overlay_image* image) {
       return rc;
     }
     if (_get_ovl_file_modified_time(image->path, &image->modified_time) != 0) {
-      o_destroy_overlay(fd, kernel_id);
+      zantrel::device::destroy_or_keep(fd, kernel_id);
       return 0;
     }
     data.type = OVERLAY_TYPE_IMAGE;
@@ -128,12 +149,11 @@ int overlay_image_create(overlay_image* image) {
     if (lock.result() == 0) handle = overlay_table_create_overlay(table.get(), &data);
   }
   table.reset();
-  if (handle <= 0 && kernel_id > 0) o_destroy_overlay(fd, kernel_id);
+  if (handle <= 0 && kernel_id > 0) zantrel::device::destroy_or_keep(fd, kernel_id);
   return handle;
 }
 
-int overlay_image_update(int handle, overlay_image* image) {
-  if (image == nullptr) return -2;
+int update_image(int handle, overlay_image* image) {
   zantrel::table::MappedTable table = zantrel::table::map_table();
   if (!table) return -1;
   const int scalable = bounded(*image) ? overlay_is_scalable_image(image->path)
@@ -147,6 +167,7 @@ int overlay_image_update(int handle, overlay_image* image) {
   const bool in_source = overlay_table_is_source_entry(table.get(), handle) == 0;
   const overlay_table_entry* entry = overlay_table_get_entry(table.get(), handle);
   if (entry == nullptr) return -1;
+  if (const int used = entry_in_use_locked(table.get(), handle); used != 0) return used;
   int current = entry->data.kernel_id;
   overlay_entry_data data = entry->data;
   int loaded = 0;
@@ -165,21 +186,28 @@ int overlay_image_update(int handle, overlay_image* image) {
     data.height = image->overlay.height;
     data.type = OVERLAY_TYPE_SCALABLE_IMAGE;
   } else {
-    if (_get_ovl_file_modified_time(image->path, &image->modified_time) != 0) return -1;
+    uint32_t modified = 0;
+    if (_get_ovl_file_modified_time(image->path, &modified) != 0) return -1;
+    image->modified_time = modified;
     const overlay_image& stored = data.description.image;
     if (std::memcmp(stored.path, image->path, kPathSize) != 0 ||
         stored.modified_time != image->modified_time) {
       // Loading takes long; the table is not held meanwhile.
       lock.reset();
-      if (o_create_image_overlay_from_ovl_file(image, fd, &loaded, &data) == 0) {
-        current = loaded;
-      } else {
-        loaded = 0;
-      }
+      // A failed load is the call's failure: the entry keeps its image,
+      // path and time, so that the same call can be made again.
+      if (o_create_image_overlay_from_ovl_file(image, fd, &loaded, &data) != 0) return -1;
+      current = loaded;
       lock.emplace(table.get());
       if (lock->result() != 0) {
-        if (loaded > 0) o_destroy_overlay(fd, loaded);
+        zantrel::device::destroy_or_keep(fd, loaded);
         return -1;
+      }
+      // Destroyed while the file was loaded: the handle is free again.
+      if (const int used = entry_in_use_locked(table.get(), handle); used != 0) {
+        lock.reset();
+        zantrel::device::destroy_or_keep(fd, loaded);
+        return used;
       }
     }
     data.type = OVERLAY_TYPE_IMAGE;
@@ -192,12 +220,17 @@ int overlay_image_update(int handle, overlay_image* image) {
   lock.reset();
   table.reset();
   if (rc != 0) {
-    if (loaded > 0) o_destroy_overlay(fd, loaded);
+    zantrel::device::destroy_or_keep(fd, loaded);
     return rc;
   }
-  if (former > 0) o_destroy_overlay(fd, former);
+  zantrel::device::destroy_or_keep(fd, former);
   return 0;
 }
+
+}  // namespace
+}  // namespace zantrel::api
+
+extern "C" {
 
 int overlay_image_destroy(int handle) { return overlay_destroy(handle); }
 

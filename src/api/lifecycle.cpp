@@ -2,6 +2,7 @@
 // with overlay_init / overlay_deinit, every other process with
 // overlay_attach / overlay_detach.
 #include "common/log.h"
+#include "kept_overlays.h"
 #include "zantrel.h"
 
 namespace zantrel::api {
@@ -42,9 +43,20 @@ void unbind_after_failure() {
   }
 }
 
-// Closes the library's own descriptor; -1 (state kept) when closing fails.
-int unbind() {
-  if (g_state.fd_from_caller || g_state.device_fd == 0) {
+// Closes the library's own descriptor; -1 (state kept) when closing fails,
+// when the process is not bound, or when hardware overlays kept from a failed
+// destroy still cannot be destroyed: the descriptor stays for another try, so
+// that none of them is lost.
+int unbind(const char* name) {
+  if (g_state.device_fd == 0) {
+    log_message(LOG_ERR, "libzantrel: %s: the overlay library is not bound\n", name);
+    return -1;
+  }
+  if (const int kept = device::destroy_kept(g_state.device_fd); kept > 0) {
+    log_message(LOG_ERR, "libzantrel: %s: %d overlays could not be destroyed yet\n", name, kept);
+    return -1;
+  }
+  if (g_state.fd_from_caller) {
     g_state = {};
     return 0;
   }
@@ -73,7 +85,14 @@ int overlay_init(int fd) {
     zantrel::api::unbind_after_failure();
     return -1;
   }
-  palette_set_default(g_state.device_fd);
+  // Without its palette the camera shows every text in the wrong colours, so
+  // a refused palette command fails the start; nothing of it stays behind.
+  if (palette_set_default(g_state.device_fd) != 0) {
+    zantrel::log_message(LOG_ERR, "libzantrel: Could not load the default palette\n");
+    overlay_table_deinit();
+    zantrel::api::unbind_after_failure();
+    return -1;
+  }
   return g_state.device_fd;
 }
 
@@ -89,13 +108,13 @@ int overlay_attach(int fd) {
 }
 
 int overlay_deinit() {
-  if (zantrel::api::unbind() != 0) {
+  if (zantrel::api::unbind("overlay_deinit") != 0) {
     return -1;
   }
   return overlay_table_deinit();
 }
 
-int overlay_detach() { return zantrel::api::unbind(); }
+int overlay_detach() { return zantrel::api::unbind("overlay_detach"); }
 
 int o_get_fd() { return g_state.device_fd; }
 

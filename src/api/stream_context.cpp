@@ -21,6 +21,7 @@
 
 #include "api.h"
 #include "common/log.h"
+#include "kept_overlays.h"
 #include "render.h"
 #include "text.h"
 
@@ -72,8 +73,8 @@ struct Copy {
 
   int32_t shown() const { return id != 0 ? id : previous; }
   void destroy(int fd) {
-    if (id != 0) o_destroy_overlay(fd, id);
-    if (previous != 0) o_destroy_overlay(fd, previous);
+    if (id != 0) device::destroy_or_keep(fd, id);
+    if (previous != 0) device::destroy_or_keep(fd, previous);
     id = previous = 0;
   }
 };
@@ -147,7 +148,7 @@ void take_gathered(StreamContext& c, const std::array<overlay_table_entry, kPosi
       // until the new one is made, by the same renderer.
       Copy& former = former_copies[j];
       copy.previous = former.shown();
-      if (former.id != 0 && former.previous != 0) o_destroy_overlay(c.fd, former.previous);
+      if (former.id != 0 && former.previous != 0) device::destroy_or_keep(c.fd, former.previous);
       former.id = former.previous = 0;
       copy.render = std::move(former.render);
       if (copy.render) render::reuse_glyph_cache(copy.render.get());
@@ -194,7 +195,11 @@ bool gather(StreamContext& c) {
 
 // Makes the copy of slot i, within the call's budget.
 text::Outcome make_copy(StreamContext& c, int i) {
+  // Every attempt starts from the entry as gathered: a failed one may have
+  // changed the local copy (gridfit rewrites an image's path).
   overlay_table_entry& slot = c.local[i];
+  slot = c.sources[i];
+  slot.data.kernel_id = 0;
   Copy& copy = c.copies[i];
   int id = 0;
   if (slot.data.type == OVERLAY_TYPE_SCALABLE_IMAGE) {
@@ -244,7 +249,7 @@ bool make_pending_copies(StreamContext& c) {
       continue;
     }
     copy.pending = copy.failed = false;
-    if (copy.previous != 0) o_destroy_overlay(c.fd, copy.previous);
+    if (copy.previous != 0) device::destroy_or_keep(c.fd, copy.previous);
     copy.previous = 0;
     made = true;
   }
@@ -399,6 +404,8 @@ int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* req
     if (context->table == nullptr) return 0;
   }
   StreamContext& c = state(context);
+  // Copies whose destruction the driver refused earlier go first.
+  zantrel::device::destroy_kept(c.fd);
   // The change counters are read without the lock: a change seen late is
   // picked up by the next frame.
   const uint32_t table_version = zantrel::table::read_version(c.table->version);

@@ -94,62 +94,82 @@ int o_create_text_overlay(render_text_context* render, const overlay_stream_cont
 
 int overlay_text_create(overlay_text* t) {
   if (t == nullptr || t->font_size > kMaxFontSize) return -2;
-  zantrel::table::MappedTable table = zantrel::table::map_table();
-  if (!table) return -1;
-  t->overlay.palette_bank = 0;
-  overlay_entry_data data{};
-  int kernel_id = 0;
-  if (int rc = make_text_overlay(t, &data, &kernel_id); rc != 0) return rc;
+  return api_call("overlay_text_create", [&] {
+    zantrel::table::MappedTable table = zantrel::table::map_table();
+    if (!table) return -1;
+    t->overlay.palette_bank = 0;
+    overlay_entry_data data{};
+    int kernel_id = 0;
+    if (int rc = make_text_overlay(t, &data, &kernel_id); rc != 0) return rc;
 
-  int handle = -1;
-  {
-    zantrel::table::TableLock lock(table.get());
-    if (lock.result() == 0) handle = overlay_table_create_overlay(table.get(), &data);
-  }
-  if (handle > 0) {
-    log_message(LOG_INFO, "text overlay created %d, scalable = %d, (ovl_id %d)", handle,
-                data.description.text.scalable, kernel_id);
-  } else if (kernel_id > 0) {
-    o_destroy_overlay(o_get_fd(), kernel_id);
-  }
-  return handle;
+    int handle = -1;
+    {
+      zantrel::table::TableLock lock(table.get());
+      if (lock.result() == 0) handle = overlay_table_create_overlay(table.get(), &data);
+    }
+    if (handle > 0) {
+      log_message(LOG_INFO, "text overlay created %d, scalable = %d, (ovl_id %d)", handle,
+                  data.description.text.scalable, kernel_id);
+    } else if (kernel_id > 0) {
+      zantrel::device::destroy_or_keep(o_get_fd(), kernel_id);
+    }
+    return handle;
+  });
 }
 
 int overlay_text_update(int handle, overlay_text* t) {
   if (t == nullptr || t->font_size > kMaxFontSize) return -2;
-  zantrel::table::MappedTable table = zantrel::table::map_table();
-  if (!table) return -1;
-  overlay_entry_data data{};
-  int kernel_id = 0;
-  if (make_text_overlay(t, &data, &kernel_id) != 0) return -1;
+  return api_call("overlay_text_update", [&] {
+    zantrel::table::MappedTable table = zantrel::table::map_table();
+    if (!table) return -1;
+    // A handle that names no overlay gets nothing: neither a hardware overlay
+    // nor half an entry.
+    const int used = entry_in_use(table.get(), handle);
+    if (used != 0) return used;
+    overlay_entry_data data{};
+    int kernel_id = 0;
+    if (make_text_overlay(t, &data, &kernel_id) != 0) return -1;
 
-  int former = 0;
-  bool in_source = false;
-  int rc = -1;
-  {
-    zantrel::table::TableLock lock(table.get());
-    if (lock.result() == 0) {
-      rc = overlay_table_update_overlay(table.get(), handle, &data, &former);
-      o_set_overlay_position(o_get_fd(), kernel_id, &data);
-      in_source = rc == 0 && overlay_table_is_source_entry(table.get(), handle) == 0;
+    int former = 0;
+    bool in_source = false;
+    int rc = -1;
+    {
+      zantrel::table::TableLock lock(table.get());
+      if (lock.result() == 0) {
+        // Destroyed while the text was drawn: the handle is free again.
+        rc = entry_in_use_locked(table.get(), handle);
+        if (rc == 0) rc = overlay_table_update_overlay(table.get(), handle, &data, &former);
+        if (rc == 0) o_set_overlay_position(o_get_fd(), kernel_id, &data);
+        in_source = rc == 0 && overlay_table_is_source_entry(table.get(), handle) == 0;
+      }
     }
-  }
-  if (rc != 0) {
-    o_destroy_overlay(o_get_fd(), kernel_id);
-    return rc;
-  }
-  // The table names the new overlay before the old one goes.
-  if (former > 0) o_destroy_overlay(o_get_fd(), former);
-  log_message(LOG_INFO, "text overlay updated %d, scalable = %d, (ovl_id %d)", handle,
-              data.description.text.scalable, kernel_id);
-  if (in_source) o_add_source_overlay(o_get_fd(), kernel_id);
-  return 0;
+    if (rc != 0) {
+      zantrel::device::destroy_or_keep(o_get_fd(), kernel_id);
+      return rc;
+    }
+    // The table names the new overlay before the old one goes.
+    if (former > 0) zantrel::device::destroy_or_keep(o_get_fd(), former);
+    log_message(LOG_INFO, "text overlay updated %d, scalable = %d, (ovl_id %d)", handle,
+                data.description.text.scalable, kernel_id);
+    if (in_source) o_add_source_overlay(o_get_fd(), kernel_id);
+    return 0;
+  });
 }
 
 int overlay_text_destroy(int handle) { return overlay_destroy(handle); }
 
 uint32_t* overlay_text_render(const overlay_stream_context* stream, overlay_text* t,
                               const char* text, overlay_format format) {
+  return guarded("overlay_text_render", static_cast<uint32_t*>(nullptr),
+                 [&] { return render_for_caller(stream, t, text, format); });
+}
+
+}  // extern "C"
+
+namespace zantrel::api {
+
+uint32_t* render_for_caller(const overlay_stream_context* stream, overlay_text* t, const char* text,
+                            overlay_format format) {
   RenderContext render(render_text_init(format));
   if (!render) {
     log_message(LOG_ERR,
@@ -192,4 +212,4 @@ uint32_t* overlay_text_render(const overlay_stream_context* stream, overlay_text
   return result.data;
 }
 
-}  // extern "C"
+}  // namespace zantrel::api

@@ -111,7 +111,9 @@ int o_create_overlay(int fd, overlay* ovl, int* id, const overlay_entry_data* da
 
 int o_destroy_overlay(int fd, int id) {
   if (device_ioctl_value(fd, CAM_IOC_DESTROY_OVERLAY, static_cast<uint32_t>(id)) < 0) {
+    const int error = errno;  // the caller may need to know why
     log_errno("libzantrel: Internal error when removing overlay: %s\n");
+    errno = error;
     return -1;
   }
   return 0;

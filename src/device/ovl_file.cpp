@@ -23,6 +23,7 @@
 #include "common/unique_fd.h"
 #include "device.h"
 #include "gridfit.h"
+#include "kept_overlays.h"
 
 static_assert(sizeof(overlay_image{}.path) == GRIDFIT_PATH_SIZE);
 
@@ -61,7 +62,7 @@ class PendingOverlay {
   PendingOverlay& operator=(const PendingOverlay&) = delete;
   ~PendingOverlay() {
     if (id_ > 0) {
-      o_destroy_overlay(fd_, id_);
+      destroy_or_keep(fd_, id_);
     }
   }
 
@@ -353,9 +354,11 @@ int load_ovl_file(overlay_image& image, int device_fd, int* id, overlay_entry_da
   }
 
   buffer.reset();
-  // A refused submission is reported by the command itself; the overlay and
-  // its filled buffer stand, and the next submission can show them.
-  o_submit_overlay_buffer(device_fd, hardware.id(), offset, 0);
+  // A refused submission fails the load: the image would not be shown, and
+  // a caller told of the failure can load it again.
+  if (o_submit_overlay_buffer(device_fd, hardware.id(), offset, 0) != 0) {
+    return -1;
+  }
   file.reset();
   *id = hardware.release();
   return 0;

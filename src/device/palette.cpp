@@ -70,17 +70,19 @@ void palette_argb_to_ycbcr(cam_palette_color* out, uint32_t argb) {
 extern "C" {
 
 int palette_set_default(int fd) {
-  int rc = 0;
+  // Every colour of both banks counts: one refused command leaves a bank
+  // with a wrong colour.
+  bool refused = false;
   for (int index = 0; index < zantrel::device::kDefaultEntries; ++index) {
     cam_palette_color record{};
     zantrel::device::palette_argb_to_ycbcr(&record, static_palette[index]);
     record.index = static_cast<uint8_t>(index);
     record.bank = zantrel::device::kStandardBank;
-    zantrel::device::send_color(fd, record);
+    refused = zantrel::device::send_color(fd, record) < 0 || refused;
     record.bank = zantrel::device::kUserBank;
-    rc = zantrel::device::send_color(fd, record);
+    refused = zantrel::device::send_color(fd, record) < 0 || refused;
   }
-  return rc < 0 ? -1 : 0;
+  return refused ? -1 : 0;
 }
 
 int palette_get_default(const uint32_t** colors, int* first) {

@@ -86,7 +86,8 @@ inline uint32_t row_words(uint32_t width, const Packing& p) { return width / p.p
 // Whether this process has opened its font yet (it never closes it).
 bool shared_font_opened();
 
-void refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_color,
+// False (logged) when the font cannot be opened.
+bool refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_color,
                        uint8_t outline_color, uint8_t background_color);
 void empty_glyph_cache(render_text_context* self);
 // Prepares a context for drawing other texts as a fresh context would, but

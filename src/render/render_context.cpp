@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <mutex>
 
 #include "common/log.h"
 #include "render.h"
@@ -10,54 +11,61 @@
 namespace zantrel::render {
 namespace {
 
-// Stops the process the way a failed GLib assertion does; the font is part
-// of the firmware, so a missing one is a broken image, not a runtime error.
-[[noreturn]] void font_assertion_failed(int line, const char* expression) {
-  g_assertion_message_expr(nullptr, "overlay_text_rendering.c", line, "refresh_font_face",
-                           expression);
-  abort();  // not reached: the assertion report aborts
-}
-
 // The FreeType library, the face and cairo's font face made from it: one set
 // per process, opened on first need and kept until the process ends. cairo
 // requires the face to outlive every cairo object made from it, and keeps
 // font faces cached past their users; a face per context would pile up
-// mappings of the font file with every context made.
+// mappings of the font file with every context made. A set that could not be
+// opened is not kept: the next rendering tries again (the font file may have
+// been out of reach for a moment, as with too many open files).
 struct SharedFont {
   FT_Library library = nullptr;
   FT_Face face = nullptr;
   cairo_font_face_t* font_face = nullptr;
 };
 
-SharedFont open_shared_font(uint32_t size) {
+std::mutex font_mutex;
+SharedFont font_set;  // complete, or all null
+std::atomic<bool> font_opened{false};
+
+bool open_shared_font(uint32_t size) {
   SharedFont font;
   if (FT_Init_FreeType(&font.library) != 0) {
-    font_assertion_failed(__LINE__, "FT_Init_FreeType(&self->ft_lib) == 0");
+    log_message(LOG_ERR, "libzantrel: Could not start FreeType\n");
+    return false;
   }
-  if (FT_New_Face(font.library, FONT_PATH, 1, &font.face) != 0) {
-    font_assertion_failed(__LINE__, "FT_New_Face(self->ft_lib, FONT_PATH, 1, &self->ft_face) == 0");
+  if (const FT_Error error = FT_New_Face(font.library, FONT_PATH, 1, &font.face); error != 0) {
+    log_message(LOG_ERR, "libzantrel: Could not open the font %s (FreeType error %d)\n", FONT_PATH,
+                error);
+    FT_Done_FreeType(font.library);
+    return false;
   }
   // Only the first size: from here on the face belongs to cairo, which sets
   // the size of every scaled font under its own lock of the face.
   FT_Set_Char_Size(font.face, 0, static_cast<FT_F26Dot6>(size) * 64, 0, 0);
   font.font_face = cairo_ft_font_face_create_for_ft_face(font.face, FT_LOAD_NO_BITMAP);
-  return font;
+  if (cairo_font_face_status(font.font_face) != CAIRO_STATUS_SUCCESS) {
+    log_message(LOG_ERR, "libzantrel: Could not make a font face of %s: %s\n", FONT_PATH,
+                cairo_status_to_string(cairo_font_face_status(font.font_face)));
+    cairo_font_face_destroy(font.font_face);
+    FT_Done_Face(font.face);
+    FT_Done_FreeType(font.library);
+    return false;
+  }
+  font_set = font;
+  return true;
 }
 
-// A function-local static: made once even when several threads ask first.
-const SharedFont& shared_font(uint32_t size) {
-  static const SharedFont font = open_shared_font(size);
-  return font;
-}
-
-std::atomic<bool> font_opened{false};
-
-void use_shared_font(render_text_context* self, uint32_t size) {
-  const SharedFont& font = shared_font(size);
+bool use_shared_font(render_text_context* self, uint32_t size) {
+  {
+    std::lock_guard guard(font_mutex);
+    if (font_set.font_face == nullptr && !open_shared_font(size)) return false;
+  }
   font_opened.store(true, std::memory_order_relaxed);
-  self->ft_lib = font.library;
-  self->ft_face = font.face;
-  self->font_face = font.font_face;
+  self->ft_lib = font_set.library;
+  self->ft_face = font_set.face;
+  self->font_face = font_set.font_face;
+  return true;
 }
 
 void build_scaled_font(render_text_context* self) {
@@ -95,13 +103,13 @@ std::optional<Packing> packing(overlay_format format) {
   }
 }
 
-void refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_color,
+bool refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_color,
                        uint8_t outline_color, uint8_t background_color) {
   bool font_changed = false;
   if (self->scaled_font == nullptr || size != self->size) {
+    if (self->ft_face == nullptr && !use_shared_font(self, size)) return false;
     if (self->scaled_font != nullptr) cairo_scaled_font_destroy(self->scaled_font);
     self->size = size;
-    if (self->ft_face == nullptr) use_shared_font(self, size);
     build_scaled_font(self);
     font_changed = true;
   }
@@ -114,6 +122,7 @@ void refresh_font_face(render_text_context* self, uint32_t size, uint8_t text_co
   } else if (font_changed) {
     empty_glyph_cache(self);
   }
+  return true;
 }
 
 void empty_glyph_cache(render_text_context* self) {
@@ -141,13 +150,9 @@ using namespace zantrel::render;
 extern "C" {
 
 render_text_context* render_text_init(overlay_format format) {
+  // GLib ends the process when it runs out of memory, so neither is null.
   auto* context = static_cast<render_text_context*>(g_malloc0(sizeof(render_text_context)));
-  if (context == nullptr) return nullptr;
   context->glyph_cache = g_hash_table_new(g_direct_hash, g_direct_equal);
-  if (context->glyph_cache == nullptr) {
-    g_free(context);
-    return nullptr;
-  }
   auto release = [context] {
     if (context->surface != nullptr) cairo_surface_destroy(context->surface);
     g_hash_table_destroy(context->glyph_cache);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <vector>
 
 #include "common/log.h"
@@ -52,11 +53,6 @@ sized_buffer make_buffer(uint32_t width, uint32_t rows, overlay_format format, b
 sized_buffer failed(sized_buffer& buffer) {
   free(buffer.data);
   return sized_buffer{};
-}
-
-// The render ran out of its allowance: nothing is drawn this time.
-bool deferred(const render_text_context* context) {
-  return context->budget != nullptr && context->budget->deferred;
 }
 
 // Copies the glyphs of one line starting at the pen position; a glyph that
@@ -114,14 +110,16 @@ int split_into_lines(char*** lines, int* count, const char* text) {
   return 0;
 }
 
-sized_buffer render_text_buffer_multiline(render_text_context* context, char* const* lines,
-                                          int count, overlay_color text_color,
-                                          overlay_color outline_color,
-                                          overlay_color background_color, int size) {
+static sized_buffer multiline_unguarded(render_text_context* context, char* const* lines, int count,
+                                        overlay_color text_color, overlay_color outline_color,
+                                        overlay_color background_color, int size) {
   if (context == nullptr || lines == nullptr || count < 1 || count > kMaxLines) return {};
   const TextMetrics m = metrics(size);
-  refresh_font_face(context, m.em_size, static_cast<uint8_t>(text_color),
-                    static_cast<uint8_t>(outline_color), static_cast<uint8_t>(background_color));
+  if (!refresh_font_face(context, m.em_size, static_cast<uint8_t>(text_color),
+                         static_cast<uint8_t>(outline_color),
+                         static_cast<uint8_t>(background_color))) {
+    return {};
+  }
 
   // Measure every line first so that the output is allocated once.
   std::vector<std::vector<glyph_cache_entry*>> line_entries(static_cast<size_t>(count));
@@ -133,12 +131,12 @@ sized_buffer render_text_buffer_multiline(render_text_context* context, char* co
     entries.reserve(static_cast<size_t>(run.size()));
     for (const cairo_glyph_t& glyph : run) {
       glyph_cache_entry* entry = cached_glyph(context, glyph, m.pad);
-      if (entry != nullptr) width = static_cast<int32_t>(width + entry->extents.x_advance);
+      if (entry == nullptr) return {};  // a text with a glyph missing is not the text
+      width = static_cast<int32_t>(width + entry->extents.x_advance);
       entries.push_back(entry);
     }
     text_width = std::max(text_width, static_cast<uint32_t>(width));
   }
-  if (deferred(context)) return {};
   text_width = round_up_16(text_width);
 
   uint32_t height = context->line_height * static_cast<uint32_t>(count) + 4 * m.pad;
@@ -170,14 +168,17 @@ sized_buffer render_text_buffer_multiline(render_text_context* context, char* co
   return result;
 }
 
-sized_buffer render_text_buffer_legacy(render_text_context* context, const char* text,
-                                       overlay_color text_color, overlay_color outline_color,
-                                       overlay_color background_color, overlay_color extra_color,
-                                       int size, uint32_t width, int extra_rows) {
+static sized_buffer legacy_unguarded(render_text_context* context, const char* text,
+                                     overlay_color text_color, overlay_color outline_color,
+                                     overlay_color background_color, overlay_color extra_color,
+                                     int size, uint32_t width, int extra_rows) {
   if (context == nullptr || text == nullptr) return {};
   const TextMetrics m = metrics(size);
-  refresh_font_face(context, m.em_size, static_cast<uint8_t>(text_color),
-                    static_cast<uint8_t>(outline_color), static_cast<uint8_t>(background_color));
+  if (!refresh_font_face(context, m.em_size, static_cast<uint8_t>(text_color),
+                         static_cast<uint8_t>(outline_color),
+                         static_cast<uint8_t>(background_color))) {
+    return {};
+  }
   const int64_t rows = int64_t{size} + extra_rows;
   if (rows < 0 || width > UINT32_MAX - 15) return {};
   sized_buffer result =
@@ -192,10 +193,41 @@ sized_buffer render_text_buffer_legacy(render_text_context* context, const char*
   }
   std::vector<glyph_cache_entry*> entries;
   entries.reserve(static_cast<size_t>(run.size()));
-  for (const cairo_glyph_t& glyph : run) entries.push_back(cached_glyph(context, glyph, m.pad));
-  if (deferred(context)) return failed(result);
+  for (const cairo_glyph_t& glyph : run) {
+    glyph_cache_entry* entry = cached_glyph(context, glyph, m.pad);
+    if (entry == nullptr) return failed(result);  // a text with a glyph missing is not the text
+    entries.push_back(entry);
+  }
   draw_line(result, entries, m.pad, m.pad + context->ascent);
   return result;
+}
+
+// No C++ exception (std::bad_alloc from the glyph lists) crosses the C
+// interface: it is a failed rendering.
+sized_buffer render_text_buffer_multiline(render_text_context* context, char* const* lines,
+                                          int count, overlay_color text_color,
+                                          overlay_color outline_color,
+                                          overlay_color background_color, int size) {
+  try {
+    return multiline_unguarded(context, lines, count, text_color, outline_color, background_color,
+                               size);
+  } catch (const std::exception& error) {
+    zantrel::log_message(LOG_ERR, "libzantrel: %s: internal error: %s\n", __func__, error.what());
+    return {};
+  }
+}
+
+sized_buffer render_text_buffer_legacy(render_text_context* context, const char* text,
+                                       overlay_color text_color, overlay_color outline_color,
+                                       overlay_color background_color, overlay_color extra_color,
+                                       int size, uint32_t width, int extra_rows) {
+  try {
+    return legacy_unguarded(context, text, text_color, outline_color, background_color, extra_color,
+                            size, width, extra_rows);
+  } catch (const std::exception& error) {
+    zantrel::log_message(LOG_ERR, "libzantrel: %s: internal error: %s\n", __func__, error.what());
+    return {};
+  }
 }
 
 }  // extern "C"

@@ -140,26 +140,44 @@ int _stream_unlink_error(const char* name) {
   return kSystemError;
 }
 
-void _remove_handle_from_streams(overlay_table* table, int index) {
+int _remove_handle_from_streams(overlay_table* table, int index) {
   overlay_table_entry& entry = table->entries[index];
   GlobResult found;
-  if (glob(kTableGlob, 0, nullptr, &found.paths) == 0) {
-    for (std::size_t i = 0; i < found.paths.gl_pathc && entry.stream_count != 0; ++i) {
-      const char* path = found.paths.gl_pathv[i];
-      if (std::strcmp(path, kTablePath) == 0) {
-        continue;
+  // GLOB_ERR: an unreadable /dev/shm is a failure, not "no stream tables".
+  const int rc = glob(kTableGlob, GLOB_ERR, nullptr, &found.paths);
+  if (rc == GLOB_NOMATCH) {
+    entry.stream_count = 0;
+    return kOk;
+  }
+  if (rc != 0) {
+    log_message(LOG_ERR, "libzantrel: Could not search the stream overlay tables\n");
+    return kSystemError;
+  }
+  bool reached_all = true;
+  for (std::size_t i = 0; i < found.paths.gl_pathc && entry.stream_count != 0; ++i) {
+    const char* path = found.paths.gl_pathv[i];
+    if (std::strncmp(path, kStreamPathPrefix, std::strlen(kStreamPathPrefix)) != 0) {
+      continue;  // the main table, or an "ovl_" object that is no stream table
+    }
+    MappedStream stream_table = map_stream(path + kShmDirLength);
+    if (!stream_table) {
+      if (errno != ENOENT) {  // a table removed meanwhile names nobody
+        log_message(LOG_ERR, "libzantrel: Could not map the stream overlay table %s. %s\n",
+                    path + kShmDirLength, error_text(errno));
+        reached_all = false;
       }
-      MappedStream stream_table = map_stream(path + kShmDirLength);
-      if (!stream_table) {
-        continue;
-      }
-      if (_remove_handle_from_array(table, index, stream_table->handles) == kOk) {
-        raise_version(stream_table->version);
-        --entry.stream_count;
-      }
+      continue;
+    }
+    if (_remove_handle_from_array(table, index, stream_table->handles) == kOk) {
+      raise_version(stream_table->version);
+      --entry.stream_count;
     }
   }
+  if (!reached_all) {
+    return kSystemError;
+  }
   entry.stream_count = 0;
+  return kOk;
 }
 
 }  // namespace zantrel::table
@@ -170,6 +188,10 @@ using zantrel::log_message;
 extern "C" {
 
 overlay_stream_table* overlay_table_map_stream(int stream) {
+  if (!valid_stream(stream)) {
+    errno = EINVAL;
+    return static_cast<overlay_stream_table*>(MAP_FAILED);
+  }
   return _map_stream_table(stream_name(stream).data());
 }
 
@@ -178,7 +200,7 @@ int overlay_table_unmap_stream(overlay_stream_table* stream_table) {
 }
 
 int overlay_table_add_overlay_to_stream(overlay_table* table, int handle, int stream) {
-  if (!mapped(table)) {
+  if (!mapped(table) || !valid_stream(stream)) {
     return kBadArgument;
   }
   int index = handle_index(handle);
@@ -214,7 +236,7 @@ int overlay_table_add_overlay_to_stream(overlay_table* table, int handle, int st
 }
 
 int overlay_table_remove_overlay_from_stream(overlay_table* table, int handle, int stream) {
-  if (!mapped(table)) {
+  if (!mapped(table) || !valid_stream(stream)) {
     return kBadArgument;
   }
   int index = handle_index(handle);
@@ -236,7 +258,7 @@ int overlay_table_remove_overlay_from_stream(overlay_table* table, int handle, i
 }
 
 int overlay_table_get_stream_table_version(int stream, unsigned* version) {
-  if (version == nullptr) {
+  if (version == nullptr || !valid_stream(stream)) {
     return kBadArgument;
   }
   MappedStream stream_table = map_stream(stream_name(stream).data());
@@ -248,6 +270,9 @@ int overlay_table_get_stream_table_version(int stream, unsigned* version) {
 }
 
 int overlay_table_remove_stream(int stream) {
+  if (!valid_stream(stream)) {
+    return kBadArgument;
+  }
   StreamName name = stream_name(stream);
   if (shm_unlink(name.data()) == 0) {
     return kOk;

@@ -58,6 +58,7 @@ constexpr std::size_t kStreamTableSize = sizeof(overlay_stream_table);
 constexpr const char* kTableName = "/ovl_table";
 constexpr const char* kTableGlob = "/dev/shm/ovl_*";
 constexpr const char* kTablePath = "/dev/shm/ovl_table";
+constexpr const char* kStreamPathPrefix = "/dev/shm/ovl_strm_";
 // A file under /dev/shm names the object of its path less "/dev/shm".
 constexpr std::size_t kShmDirLength = 8;
 
@@ -131,7 +132,11 @@ struct GlobResult {
 StreamName stream_name(int stream);
 overlay_stream_table* _map_stream_table(const char* name);
 int _unmap_stream_table(overlay_stream_table* stream_table);
-void _remove_handle_from_streams(overlay_table* table, int index);
+// 0, or -1 (logged) when the search failed or a stream table naming the
+// handle could not be reached; stream_count then counts what is left.
+int _remove_handle_from_streams(overlay_table* table, int index);
+// Stream numbers a stream table can name: "/ovl_strm_0" and up.
+inline bool valid_stream(int stream) { return stream >= 0; }
 int _stream_unlink_error(const char* name);
 
 // Owners of a mapping.

@@ -77,8 +77,9 @@ int overlay_table_destroy_overlay(overlay_table* table, int handle) {
     return kBadArgument;
   }
   overlay_table_entry& entry = table->entries[index];
-  if (entry.stream_count != 0) {
-    _remove_handle_from_streams(table, index);
+  // The entry stays while a stream table may still name it.
+  if (entry.stream_count != 0 && _remove_handle_from_streams(table, index) != kOk) {
+    return kSystemError;
   }
   std::memset(&entry, 0, sizeof entry);
 

@@ -97,7 +97,8 @@ overlay_table* map_fd(int fd) {
 
 int _remove_all_tables() {
   GlobResult found;
-  int rc = glob(kTableGlob, 0, nullptr, &found.paths);
+  // GLOB_ERR: an unreadable /dev/shm is a failure, not "no tables".
+  int rc = glob(kTableGlob, GLOB_ERR, nullptr, &found.paths);
   if (rc == GLOB_NOMATCH) {
     return 0;
   }
@@ -110,18 +111,23 @@ int _remove_all_tables() {
     }
     return -1;
   }
+  // A failure does not stop the sweep, but it is the result: a table left
+  // behind is not a removal.
+  int result = 0;
   for (std::size_t i = 0; i < found.paths.gl_pathc; ++i) {
     const char* path = found.paths.gl_pathv[i];
     if (std::strcmp(path, kTablePath) == 0) {
-      if (shm_unlink(kTableName) != 0) {
+      if (shm_unlink(kTableName) != 0 && errno != ENOENT) {
         log_message(LOG_ERR, "libzantrel: could not remove main overlay table file (%s). %s\n",
                     kTableName, error_text(errno));
+        result = -1;
       }
-    } else if (shm_unlink(path + kShmDirLength) != 0) {
-      _stream_unlink_error(path + kShmDirLength);
+    } else if (shm_unlink(path + kShmDirLength) != 0 &&
+               _stream_unlink_error(path + kShmDirLength) != kNoStreamTable) {
+      result = -1;
     }
   }
-  return 0;
+  return result;
 }
 
 MappedTable map_table() {
@@ -137,7 +143,11 @@ using zantrel::log_message;
 extern "C" {
 
 int overlay_table_init() {
-  _remove_all_tables();
+  // Tables of an earlier run that cannot be found or removed would mix with
+  // the new ones.
+  if (_remove_all_tables() != 0) {
+    return -1;
+  }
 
   zantrel::UniqueFd fd(shm_open(kTableName, O_RDWR | O_CREAT, kCreateMode));
   if (!fd) {

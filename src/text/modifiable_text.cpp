@@ -13,6 +13,7 @@
 
 #include "common/log.h"
 #include "common/mapping.h"
+#include "kept_overlays.h"
 #include "text.h"
 #include "tokenfill.h"
 
@@ -41,7 +42,7 @@ int32_t local_time_of(const overlay_expansion_params* params) {
 
 modifiable_text_context::~modifiable_text_context() {
   forget_buffers();
-  if (kernel_id != 0) o_destroy_overlay(fd, static_cast<int>(kernel_id));
+  if (kernel_id != 0) zantrel::device::destroy_or_keep(fd, static_cast<int>(kernel_id));
 }
 
 void modifiable_text_context::forget_buffers() {
@@ -183,10 +184,15 @@ modifiable_text_context::Drawn modifiable_text_context::draw(
   }
   if (failure != nullptr) {
     zantrel::log_message(LOG_ERR, "%s", failure);
-    if (created) o_destroy_overlay(fd, id);
+    if (created) zantrel::device::destroy_or_keep(fd, id);
     return {0, false};
   }
-  o_submit_overlay_buffer(fd, id, offset, 0);
+  if (o_submit_overlay_buffer(fd, id, offset, 0) != 0) {
+    // Not shown: drawn again on the next frame.
+    zantrel::log_message(LOG_ERR, "libzantrel: Could not submit modifiable text overlay buffer\n");
+    if (created) zantrel::device::destroy_or_keep(fd, id);
+    return {0, false};
+  }
 
   // The replaced overlay goes only now that the new one shows the text.
   if (created) {
@@ -202,7 +208,7 @@ modifiable_text_context::Drawn modifiable_text_context::draw(
   drawn_outline_color_ = t.outline_color;
   drawn_background_color_ = t.background_color;
   new_overlay_ = false;
-  if (replaced > 0) o_destroy_overlay(fd, replaced);
+  if (replaced > 0) zantrel::device::destroy_or_keep(fd, replaced);
   return {kernel_id, false};
 }
 

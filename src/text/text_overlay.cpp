@@ -9,6 +9,7 @@
 
 #include "common/log.h"
 #include "common/mapping.h"
+#include "kept_overlays.h"
 
 namespace zantrel::text {
 namespace {
@@ -121,14 +122,19 @@ Outcome create_text_overlay(int fd, render_text_context* render,
   }
   if (!buffer || !write_dual_copy(buffer.bytes(), buffer.size(), rendered)) {
     const int error = buffer ? ENOSPC : errno;
-    o_destroy_overlay(fd, new_id);
+    zantrel::device::destroy_or_keep(fd, new_id);
     log_message(LOG_ERR, "libzantrel: Failed to map overlay buffer: %s\n", error_text(error));
     return Outcome::kFailed;
   }
   buffer.reset();
   // t may be the description itself (a stream context's local copy).
   std::memmove(&data.description.text, &t, sizeof t);
-  o_submit_overlay_buffer(fd, new_id, offset, 0);
+  // An overlay whose text never reached the screen is a failure to report,
+  // not an overlay to keep.
+  if (o_submit_overlay_buffer(fd, new_id, offset, 0) != 0) {
+    zantrel::device::destroy_or_keep(fd, new_id);
+    return Outcome::kFailed;
+  }
   id = new_id;
   return Outcome::kDone;
 }

@@ -169,6 +169,12 @@ TEST_F(TextImage, ImageFromFileLoadsOnlyWhenChanged) {
 
   const timespec later[2] = {{info.st_mtime + 10, 0}, {info.st_mtime + 10, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, ovl.c_str(), later, 0), 0);
+  // A failed load is reported and changes nothing, so the same call loads
+  // the new file once the driver takes it.
+  ASSERT_EQ(camsim_inject_fault(CAMSIM_CREATE_OVERLAY, 1, ENOMEM), 0);
+  EXPECT_EQ(overlay_image_update(handle, &image), -1);
+  const overlay_entry_data kept = entry(handle);
+  EXPECT_EQ(std::memcmp(&kept, &data, sizeof data), 0);
   ASSERT_EQ(overlay_image_update(handle, &image), 0);
   EXPECT_TRUE(entry(handle).kernel_id != data.kernel_id && camsim_live_count() == 1);
 }

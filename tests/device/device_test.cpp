@@ -473,11 +473,12 @@ INSTANTIATE_TEST_SUITE_P(
         {"get_buffer_fails", true, {}, 108, {kNoBuffer}, CAMSIM_GET_BUFFER}}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(OvlFile, RefusedSubmissionIsLoggedAndTheImageStands) {
+// An image that never reached the screen is a failed load, and leaves nothing.
+TEST_F(OvlFile, RefusedSubmissionFailsTheLoad) {
   ASSERT_EQ(camsim_inject_fault(CAMSIM_SUBMIT_BUFFER, 1, EIO), 0);
-  EXPECT_EQ(load(make_ovl(4, 2, pattern(4, 2))), 0);
+  EXPECT_EQ(load(make_ovl(4, 2, pattern(4, 2))), -1);
   EXPECT_TRUE(logged_once(LOG_ERR, std::string("libzantrel: ") + kSubmit + "\n"));
-  EXPECT_TRUE(camsim_live_count() == 1 && camsim_call_count(CAMSIM_DESTROY_OVERLAY) == 0);
+  EXPECT_EQ(camsim_live_count(), 0);
 }
 
 TEST_F(OvlFile, ScaledImageLoadsTheConvertedFile) {
