@@ -48,6 +48,7 @@ extern "C" void syslog(int, const char*, ...) {}
 extern "C" void* __libc_malloc(size_t);
 extern "C" void* __libc_calloc(size_t, size_t);
 extern "C" void* __libc_realloc(void*, size_t);
+extern "C" void __libc_free(void*);
 namespace {
 bool g_alloc_armed = false;
 long g_alloc_counted = 0, g_alloc_fail_at = 0;
@@ -70,8 +71,9 @@ void* operator new(size_t n) {
   if (p == nullptr) throw std::bad_alloc();
   return p;
 }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
+// The C library's own release, which the compiler does not pair with new.
+void operator delete(void* p) noexcept { __libc_free(p); }
+void operator delete(void* p, size_t) noexcept { __libc_free(p); }
 void arm(long fail_at) {
   g_alloc_fail_at = fail_at;
   g_alloc_counted = 0;
