@@ -247,6 +247,11 @@ int supervise(const Options& options) {
   const auto start = std::chrono::steady_clock::now();
   // First, so that a stop from now on ends the run through its cleanup.
   signals::install(/*watch_children=*/true);
+  // Workstations often run no syslog daemon; the owner's, the application's
+  // and the encoder's library messages then still reach the terminal.
+  if (options.log_stderr) {
+    setenv("ZANTREL_LOG_STDERR", "1", 0);
+  }
   DriverClaim claim;
   if (!claim.take(options.serve)) {
     return kExitFailure;

@@ -25,6 +25,7 @@ struct Options {
   // each stream's picture once a second; the scene only with demo.
   bool serve = false;
   bool demo = false;
+  bool log_stderr = true;  // ZANTREL_LOG_STDERR=1 for the camera's processes
   std::string y4m;  // live video of one stream: a path, "-" for stdout, empty for none
   size_t y4m_stream = 0;
 };
