@@ -26,7 +26,7 @@ struct Options {
   bool serve = false;
   bool demo = false;
   bool log_stderr = true;  // ZANTREL_LOG_STDERR=1 for the camera's processes
-  std::string y4m;  // live video of one stream: a path, "-" for stdout, empty for none
+  std::string y4m;         // live video of one stream: a path, "-" for stdout, empty for none
   size_t y4m_stream = 0;
 };
 
