@@ -85,11 +85,14 @@ class DriverClaim {
       char holder[64] = {};
       const ssize_t n = pread(fd_.get(), holder, sizeof holder - 1, 0);
       holder[n > 0 ? n : 0] = '\0';
+      const long pid = std::strtol(holder, nullptr, 10);
+      const std::string pid_text = pid > 0 ? std::to_string(pid) : "unknown";
       std::fprintf(stderr,
                    "zantrel-vcam: another zantrel-vcam runs on this machine's simulated driver "
-                   "(pid %s); it is left as it is. Stop it first (kill %s), or send your programs "
-                   "to it.\n",
-                   holder[0] != '\0' ? holder : "unknown", holder[0] != '\0' ? holder : "PID");
+                   "(pid %s%s); it is left as it is. Stop it first (kill %s), or run your "
+                   "programs against it.\n",
+                   pid_text.c_str(), std::strstr(holder, "--serve") != nullptr ? ", --serve" : "",
+                   pid > 0 ? pid_text.c_str() : "PID");
       return false;
     }
     const std::string text = std::to_string(getpid()) + (serve ? ", --serve" : "");
