@@ -134,19 +134,23 @@ Surface draw_overlay(const Snapshot& s) {
   return surface;
 }
 
-Surface test_picture(int width, int height) {
-  Surface surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));
-  if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
-  cairo_surface_flush(surface.get());
-  unsigned char* data = cairo_image_surface_get_data(surface.get());
-  const int stride = cairo_image_surface_get_stride(surface.get());
-  for (int y = 0; y < height; ++y) {
-    auto* row = reinterpret_cast<std::uint32_t*>(data + static_cast<std::ptrdiff_t>(y) * stride);
-    for (int x = 0; x < width; ++x)
-      row[x] = ((x / 16 + y / 16) % 2 == 0) ? 0xFF404040u : 0xFF606060u;
+// The test picture into pixels of width words a row: one row of each phase
+// of the checkerboard, copied down, as video needs it every frame.
+void test_picture(std::uint32_t* pixels, int width, int height) {
+  const auto w = static_cast<std::size_t>(width);
+  std::vector<std::uint32_t> phases(2 * w);
+  for (std::size_t x = 0; x < w; ++x) {
+    phases[x] = (x / 16) % 2 == 0 ? 0xFF404040u : 0xFF606060u;
+    phases[w + x] = (x / 16) % 2 == 0 ? 0xFF606060u : 0xFF404040u;
   }
-  cairo_surface_mark_dirty(surface.get());
-  return surface;
+  for (int y = 0; y < height; ++y)
+    std::memcpy(pixels + y * w, phases.data() + (y / 16) % 2 * w, 4 * w);
+}
+
+// Cairo's view of width x height words.
+Surface wrap(std::uint32_t* pixels, int width, int height) {
+  return Surface(cairo_image_surface_create_for_data(
+      reinterpret_cast<unsigned char*>(pixels), CAIRO_FORMAT_ARGB32, width, height, 4 * width));
 }
 
 bool read_pixels(int fd, Snapshot& s) {
@@ -162,13 +166,9 @@ bool read_pixels(int fd, Snapshot& s) {
   return true;
 }
 
-// The request's overlays over the test picture; the number drawn, or -1 with
-// errno set.
-int compose(const uint32_t ids[8], int width, int height, Surface& frame) {
-  if (ids == nullptr || width <= 0 || height <= 0 || width > kMaxSide || height > kMaxSide) {
-    errno = EINVAL;
-    return -1;
-  }
+// The request's overlays over the test picture, into width x height words
+// (opaque, so premultiplied is plain); the number drawn, or -1 with errno set.
+int compose(const uint32_t ids[8], int width, int height, std::uint32_t* pixels) {
   const camsim::Attachment* a = camsim::attach();
   if (a == nullptr) return -1;
 
@@ -189,8 +189,9 @@ int compose(const uint32_t ids[8], int width, int height, Surface& frame) {
     }
   }
 
-  frame = test_picture(width, height);
-  if (frame == nullptr) {
+  test_picture(pixels, width, height);
+  Surface frame = wrap(pixels, width, height);
+  if (cairo_surface_status(frame.get()) != CAIRO_STATUS_SUCCESS) {
     errno = ENOMEM;
     return -1;
   }
@@ -225,17 +226,25 @@ cairo_status_t write_to_file(void* closure, const unsigned char* data, unsigned 
              : CAIRO_STATUS_WRITE_ERROR;
 }
 
+bool valid(const uint32_t ids[8], int width, int height) {
+  if (ids != nullptr && width > 0 && height > 0 && width <= kMaxSide && height <= kMaxSide)
+    return true;
+  errno = EINVAL;
+  return false;
+}
+
 }  // namespace
 
 extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height,
                                          const char* png_path) {
-  if (png_path == nullptr) {
+  if (png_path == nullptr || !valid(ids, width, height)) {
     errno = EINVAL;
     return -1;
   }
-  Surface frame;
-  const int drawn = compose(ids, width, height, frame);
+  std::vector<std::uint32_t> pixels(static_cast<std::size_t>(width) * height);
+  const int drawn = compose(ids, width, height, pixels.data());
   if (drawn < 0) return -1;
+  Surface frame = wrap(pixels.data(), width, height);
   // Opened here, not by cairo, so that a failure keeps the system's reason
   // (a missing directory, no permission, a full disk) in errno.
   std::FILE* file = std::fopen(png_path, "wb");
@@ -252,17 +261,9 @@ extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int h
 
 extern "C" CAMSIM_API int camsim_compose_argb(const uint32_t ids[8], int width, int height,
                                               uint32_t* pixels) {
-  if (pixels == nullptr) {
+  if (pixels == nullptr || !valid(ids, width, height)) {
     errno = EINVAL;
     return -1;
   }
-  Surface frame;
-  const int drawn = compose(ids, width, height, frame);
-  if (drawn < 0) return -1;
-  const unsigned char* data = cairo_image_surface_get_data(frame.get());
-  const int stride = cairo_image_surface_get_stride(frame.get());
-  for (int y = 0; y < height; ++y)  // opaque, so premultiplied is plain
-    std::memcpy(pixels + static_cast<std::ptrdiff_t>(y) * width,
-                data + static_cast<std::ptrdiff_t>(y) * stride, 4 * static_cast<size_t>(width));
-  return drawn;
+  return compose(ids, width, height, pixels);
 }
