@@ -392,7 +392,8 @@ ZANTREL_API int overlay_set_pixelation_size(int handle, uint32_t size);
  * @defgroup operations Overlay operations
  * Plain overlays whose buffer the caller fills, and where any overlay shows.
  *
- * Every call of this group (and of the text and image group) needs a bound
+ * Every call of this group but utils_compare_overlay_position() (and the
+ * create, update and destroy calls of the text and image group) needs a bound
  * process: before overlay_init() or overlay_attach(), and after
  * overlay_detach() or overlay_deinit(), it returns -1 with one message
  * ("the overlay library is not bound") and touches nothing. Any thread of
@@ -839,7 +840,8 @@ ZANTREL_API extern const int32_t rgb2ycbcr[9];
 /**
  * Loads the default palette's entries 0 to 14 into both banks of the
  * driver.
- * @return 0; -1 when the driver refused the last command (logged).
+ * @return 0; -1 when the driver refused the last command. No message (the
+ *         caller says what failed).
  */
 ZANTREL_API int palette_set_default(int fd);
 /**
@@ -853,8 +855,9 @@ ZANTREL_API int palette_get_default(const uint32_t** colors, int* first);
  * Sets one colour of the user bank (1) in the driver, converted to YCbCr.
  * @param index  0 to 15.
  * @param flag   handed to the driver.
- * @return 0; -1 for an index outside 0 to 15 (nothing sent) or when the
- *         driver refuses ("Could not set palette color at index ...").
+ * @return 0; -1 for an index outside 0 to 15 ("Invalid index when setting
+ *         palette", nothing sent) or when the driver refuses ("Could not set
+ *         palette color at index ...").
  */
 ZANTREL_API int palette_set_color_argb(int fd, uint32_t argb, int index, int flag);
 /**
@@ -1349,9 +1352,10 @@ ZANTREL_API int o_update_scrolling_text(overlay_entry_data* data,
  * Overlays whose pixels the library makes: texts (fixed, or modifiable:
  * with "#" or "%" modifiers, which the encoder expands every frame, or
  * scrolling) and images (an ".ovl" file, or a directory holding a bitmap
- * "bmp" that is scaled for every stream). The rules of the overlay
- * operations hold: a bound process, any thread, -1 when the table cannot be
- * mapped or locked. All are destroyed with overlay_destroy().
+ * "bmp" that is scaled for every stream). The create, update and destroy
+ * calls follow the rules of the overlay operations: a bound process, any
+ * thread, -1 when the table cannot be mapped or locked. All are destroyed
+ * with overlay_destroy().
  * @{
  */
 
