@@ -15,6 +15,8 @@ packages=(
   clang
   # zantrelctl's JSON output
   nlohmann-json3-dev
+  # The HTML reference of the public header (the docs target)
+  doxygen
   # The camera's architecture: cross compilers for armhf, qemu-arm to run
   # its programs, and what scripts/armhf-sysroot.sh downloads and unpacks with
   g++-arm-linux-gnueabihf qemu-user-static util-linux apt dpkg

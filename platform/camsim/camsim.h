@@ -216,26 +216,42 @@ CAMSIM_API int camsim_set_galcore(int present);
  * left visible_width x visible_height pixels. Like the camera's compositor,
  * it keeps an overlay inside the picture: one that would reach past the
  * right or bottom edge is moved left or up until it ends there (so a band at
- * normalized y 1.0 lies along the bottom edge). Its shown buffer is read by
- * internal type:
- * - 5, 4-bit dual: the first w*h/2 bytes hold the 4-bit palette indices,
- *   pixels in row order, pixel 0 in the low nibble of byte 0; the second half
- *   (the same image with the nibbles of each byte swapped) is not read. The
- *   indices go through the overlay's palette bank, whose Y/Cb/Cr/alpha
- *   entries are turned back into RGB (full-range BT.601).
- * - 8, Y/chroma/alpha planes, N = w*h, rows of w bytes in every plane: luma
- *   (N bytes), chroma plane A (N/2 bytes: for each 2 x 2 block one (Cr, Cb)
- *   pair, pair j of image row y at byte 2j of chroma row y/2), chroma plane
- *   B (N/2 bytes, the same pairs as (Cb, Cr), not read), alpha (N bytes).
- * - 4, ARGB32: one native-endian 32-bit word a pixel, not premultiplied.
- * - 6, 1 bit a pixel, rows padded to whole bytes, the leftmost pixel of a
- *   byte in its least significant bit: clear bits take palette_colors[0],
- *   set bits palette_colors[1], both ARGB.
- * - any other type: a marked box (outline and both diagonals, 0xFFFF00FF)
- *   of the visible size.
- * Returns the number of overlays drawn, or -1 with errno set.
+ * normalized y 1.0 lies along the bottom edge). Its shown buffer is read in
+ * the driver's layout of its internal type (overlay format in brackets); N =
+ * w*h, rows in order, no padding unless said:
+ * - 0 (PALETTE_4BIT), N/2 bytes: 4-bit palette indices, pixel 0 in the low
+ *   nibble of byte 0. The indices go through the overlay's palette bank,
+ *   whose Y/Cb/Cr/alpha entries are turned back into RGB (full-range
+ *   BT.601).
+ * - 5 (PALETTE_4BIT_DUAL), N bytes: the first half as type 0; the second
+ *   half, the same image with the nibbles of each byte swapped, is not read.
+ * - 1 (FULL_COLOR), N*3/2 bytes: 4:2:0, opaque: luma (N bytes), then for
+ *   each 2 x 2 block one (Cr, Cb) pair, pair j of image row y at byte 2j of
+ *   chroma row y/2 (rows of w bytes).
+ * - 7 (20BIT), N*20/8 bytes: type 1's luma and chroma planes, then alpha
+ *   (N bytes, 255 opaque).
+ * - 8 (YCBCR_ALPHA), 3*N bytes: type 1's luma and chroma planes, a second
+ *   chroma plane (N/2 bytes, the same pairs as (Cb, Cr), not read), alpha
+ *   (N bytes).
+ * - 2 (8BIT), N bytes: ARGB 2:2:2:2, alpha in the two high bits, blue in the
+ *   two low ones; each 2-bit value v is v * 85.
+ * - 3 (16BIT), 2*N bytes: ARGB 4:4:4:4 in little-endian 16-bit words, alpha
+ *   in the high 4 bits, blue in the low 4; each 4-bit value v is v * 17.
+ * - 4 (ARGB32), 4*N bytes: one native-endian 32-bit word a pixel, not
+ *   premultiplied.
+ * - 6 (1BIT), ((w+7)/8)*h bytes: 1 bit a pixel, rows padded to whole bytes,
+ *   the leftmost pixel of a byte in its least significant bit: clear bits
+ *   take palette_colors[0], set bits palette_colors[1], both ARGB.
+ * Chroma that an odd last row or column lacks is taken as neutral (128).
+ * Returns the number of overlays drawn, or -1 with errno set (for a file
+ * that cannot be written, the system's reason, as ENOENT for a missing
+ * directory).
  */
 CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height, const char* png_path);
+
+/* The same composition into pixels: width * height opaque 0xAARRGGBB words,
+ * rows top first, no padding. For video, which needs no PNG on the way. */
+CAMSIM_API int camsim_compose_argb(const uint32_t ids[8], int width, int height, uint32_t* pixels);
 
 #ifdef __cplusplus
 }

@@ -1,5 +1,7 @@
-// camsim-run PROGRAM [ARGS]: runs PROGRAM with the simulated camera driver
-// preloaded, so an unmodified program finds the camera's device nodes.
+// camsim-run [--no-log-stderr] PROGRAM [ARGS]: runs PROGRAM with the
+// simulated camera driver preloaded, so an unmodified program finds the
+// camera's device nodes, and with the library's messages copied to standard
+// error (a workstation often has no syslog daemon to keep them).
 #include <link.h>
 #include <unistd.h>
 
@@ -45,12 +47,50 @@ int find_sanitizer_runtime(dl_phdr_info* info, std::size_t, void* data) {
   return 0;
 }
 
+constexpr char kUsage[] =
+    "usage: camsim-run [--no-log-stderr] PROGRAM [ARGS...]\n"
+    "\n"
+    "Runs PROGRAM with the simulated camera driver (libcamsim.so) preloaded: inside it\n"
+    "/dev/cam0, /dev/camquad, /dev/cam1 to /dev/cam14 and /dev/galcore exist, and the\n"
+    "driver's commands act on the one simulated driver state of this machine.\n"
+    "\n"
+    "libzantrel's messages also go to standard error (ZANTREL_LOG_STDERR=1), unless\n"
+    "--no-log-stderr is given or ZANTREL_LOG_STDERR is set already (0 turns it off).\n"
+    "\n"
+    "  -h, --help         this text\n"
+    "  --no-log-stderr    leave the library's messages to syslog only\n"
+    "\n"
+    "Exit status: PROGRAM's; 127 when PROGRAM or libcamsim.so is not found, 126 when\n"
+    "PROGRAM cannot be run, 2 on wrong usage.\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: camsim-run PROGRAM [ARGS]\n");
+  int first = 1;
+  bool log_stderr = true;
+  for (; first < argc && argv[first][0] == '-'; ++first) {
+    const std::string option = argv[first];
+    if (option == "-h" || option == "--help") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    if (option == "--no-log-stderr") {
+      log_stderr = false;
+    } else if (option == "--") {
+      ++first;
+      break;
+    } else {
+      std::fprintf(stderr, "camsim-run: unknown option %s\n%s", option.c_str(), kUsage);
+      return 2;
+    }
+  }
+  if (first >= argc) {
+    std::fputs(kUsage, stderr);
     return 2;
+  }
+  if (log_stderr && setenv("ZANTREL_LOG_STDERR", "1", 0) != 0) {
+    std::perror("camsim-run: setenv");
+    return 127;
   }
   const std::string library = find_library();
   if (library.empty()) {
@@ -69,7 +109,7 @@ int main(int argc, char** argv) {
     std::perror("camsim-run: setenv");
     return 127;
   }
-  execvp(argv[1], argv + 1);
-  std::fprintf(stderr, "camsim-run: %s: %s\n", argv[1], std::strerror(errno));
+  execvp(argv[first], argv + first);
+  std::fprintf(stderr, "camsim-run: %s: %s\n", argv[first], std::strerror(errno));
   return errno == ENOENT ? 127 : 126;
 }

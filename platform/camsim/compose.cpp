@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -16,7 +17,6 @@
 namespace {
 
 constexpr int kMaxSide = 16384;
-constexpr std::uint32_t kBoxColor = 0xFFFF00FFu;
 
 struct Snapshot {
   internal_overlay rec;
@@ -56,45 +56,64 @@ std::uint32_t premultiply(std::uint32_t argb) {
          scale(argb & 0xFF);
 }
 
-// The colour of pixel (x, y) of an overlay of a decodable type.
+// A byte of the shown buffer; past its end (the chroma of an odd last row or
+// column of a 4:2:0 type) the neutral value.
+std::uint8_t byte_at(const Snapshot& s, std::uint64_t i, std::uint8_t past_end = 128) {
+  return i < s.pixels.size() ? s.pixels[i] : past_end;
+}
+
+// Luma plane, then (Cr, Cb) pairs for every 2 x 2 block, as camsim.h gives
+// the 4:2:0 types.
+std::uint32_t planar_argb(const Snapshot& s, std::uint32_t x, std::uint32_t y, std::uint8_t alpha) {
+  const std::uint64_t w = s.rec.width, n = w * s.rec.height, i = y * w + x;
+  const std::uint64_t chroma = n + (y / 2) * w + 2 * (x / 2);
+  return ycbcr_to_argb(byte_at(s, i), byte_at(s, chroma + 1), byte_at(s, chroma), alpha);
+}
+
+// A channel of `bits` bits stretched to 8 (0 stays 0, all ones is 255).
+std::uint32_t widen(std::uint32_t value, unsigned bits) {
+  return value * 255u / ((1u << bits) - 1u);
+}
+
+// The colour of pixel (x, y) of an overlay; every internal type is decoded.
 std::uint32_t pixel_argb(const Snapshot& s, std::uint32_t x, std::uint32_t y) {
-  const std::uint8_t* p = s.pixels.data();
   const std::uint64_t w = s.rec.width, n = w * s.rec.height, i = y * w + x;
   switch (s.rec.type) {
-    case 5: {  // first half: 4-bit indices, pixel 0 in the low nibble
-      const std::uint8_t byte = p[i / 2];
+    case 0:    // 4-bit palette indices, pixel 0 in the low nibble
+    case 5: {  // the same in the first half; the nibble-swapped copy is not read
+      const std::uint8_t byte = byte_at(s, i / 2, 0);
       const cam_palette_color& c = s.bank[(i & 1) != 0 ? byte >> 4 : byte & 0x0F];
       return ycbcr_to_argb(c.luma, c.cb, c.cr, c.alpha);
     }
-    case 8: {
-      const std::uint64_t chroma = n + (y / 2) * w + 2 * (x / 2);  // (Cr, Cb) of plane A
-      return ycbcr_to_argb(p[i], p[chroma + 1], p[chroma], p[2 * n + i]);
+    case 1:  // 4:2:0, opaque
+      return planar_argb(s, x, y, 0xFF);
+    case 2: {  // ARGB 2:2:2:2
+      const std::uint32_t v = byte_at(s, i, 0);
+      return widen(v >> 6, 2) << 24 | widen((v >> 4) & 3, 2) << 16 | widen((v >> 2) & 3, 2) << 8 |
+             widen(v & 3, 2);
+    }
+    case 3: {  // ARGB 4:4:4:4, little-endian 16-bit words
+      const std::uint32_t v = byte_at(s, 2 * i, 0) | std::uint32_t{byte_at(s, 2 * i + 1, 0)} << 8;
+      return widen(v >> 12, 4) << 24 | widen((v >> 8) & 15, 4) << 16 |
+             widen((v >> 4) & 15, 4) << 8 | widen(v & 15, 4);
     }
     case 4: {
-      std::uint32_t word;
-      std::memcpy(&word, p + 4 * i, sizeof word);
+      std::uint32_t word = 0;
+      if (4 * i + 4 <= s.pixels.size()) std::memcpy(&word, s.pixels.data() + 4 * i, sizeof word);
       return word;
     }
     case 6: {
       const std::uint64_t stride = (w + 7) >> 3;
-      const bool set = (p[y * stride + x / 8] >> (x % 8)) & 1u;
+      const bool set = (byte_at(s, y * stride + x / 8, 0) >> (x % 8)) & 1u;
       return s.rec.palette_colors[set ? 1 : 0];
     }
+    case 7:  // 4:2:0 with an alpha plane after the chroma
+      return planar_argb(s, x, y, byte_at(s, n + n / 2 + i, 0));
+    case 8:  // 4:2:0, a second chroma plane, then alpha
+      return planar_argb(s, x, y, byte_at(s, 2 * n + i, 0));
     default:
       return 0;
   }
-}
-
-bool marked_box_pixel(std::uint32_t x, std::uint32_t y, std::uint32_t w, std::uint32_t h) {
-  if (x == 0 || y == 0 || x + 1 == w || y + 1 == h) return true;
-  // Both diagonals, one pixel wide along the longer side.
-  const std::uint64_t a = std::uint64_t{x} * (h - 1), b = std::uint64_t{y} * (w - 1);
-  const std::uint64_t tolerance = std::max(w, h) - 1;
-  const std::uint64_t mirrored = std::uint64_t{w - 1 - x} * (h - 1);
-  auto near = [tolerance](std::uint64_t u, std::uint64_t v) {
-    return (u > v ? u - v : v - u) * 2 <= tolerance;
-  };
-  return near(a, b) || near(mirrored, b);
 }
 
 // The visible part of one overlay as a cairo surface.
@@ -107,33 +126,31 @@ Surface draw_overlay(const Snapshot& s) {
   cairo_surface_flush(surface.get());
   unsigned char* data = cairo_image_surface_get_data(surface.get());
   const int stride = cairo_image_surface_get_stride(surface.get());
-  const bool decodable = s.rec.type == 4 || s.rec.type == 5 || s.rec.type == 6 || s.rec.type == 8;
   for (std::uint32_t y = 0; y < vh; ++y) {
     auto* row = reinterpret_cast<std::uint32_t*>(data + static_cast<std::ptrdiff_t>(y) * stride);
-    for (std::uint32_t x = 0; x < vw; ++x) {
-      if (decodable)
-        row[x] = premultiply(pixel_argb(s, x, y));
-      else
-        row[x] = marked_box_pixel(x, y, vw, vh) ? kBoxColor : 0;
-    }
+    for (std::uint32_t x = 0; x < vw; ++x) row[x] = premultiply(pixel_argb(s, x, y));
   }
   cairo_surface_mark_dirty(surface.get());
   return surface;
 }
 
-Surface test_picture(int width, int height) {
-  Surface surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));
-  if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
-  cairo_surface_flush(surface.get());
-  unsigned char* data = cairo_image_surface_get_data(surface.get());
-  const int stride = cairo_image_surface_get_stride(surface.get());
-  for (int y = 0; y < height; ++y) {
-    auto* row = reinterpret_cast<std::uint32_t*>(data + static_cast<std::ptrdiff_t>(y) * stride);
-    for (int x = 0; x < width; ++x)
-      row[x] = ((x / 16 + y / 16) % 2 == 0) ? 0xFF404040u : 0xFF606060u;
+// The test picture into pixels of width words a row: one row of each phase
+// of the checkerboard, copied down, as video needs it every frame.
+void test_picture(std::uint32_t* pixels, int width, int height) {
+  const auto w = static_cast<std::size_t>(width);
+  std::vector<std::uint32_t> phases(2 * w);
+  for (std::size_t x = 0; x < w; ++x) {
+    phases[x] = (x / 16) % 2 == 0 ? 0xFF404040u : 0xFF606060u;
+    phases[w + x] = (x / 16) % 2 == 0 ? 0xFF606060u : 0xFF404040u;
   }
-  cairo_surface_mark_dirty(surface.get());
-  return surface;
+  for (int y = 0; y < height; ++y)
+    std::memcpy(pixels + y * w, phases.data() + (y / 16) % 2 * w, 4 * w);
+}
+
+// Cairo's view of width x height words.
+Surface wrap(std::uint32_t* pixels, int width, int height) {
+  return Surface(cairo_image_surface_create_for_data(
+      reinterpret_cast<unsigned char*>(pixels), CAIRO_FORMAT_ARGB32, width, height, 4 * width));
 }
 
 bool read_pixels(int fd, Snapshot& s) {
@@ -149,15 +166,9 @@ bool read_pixels(int fd, Snapshot& s) {
   return true;
 }
 
-}  // namespace
-
-extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height,
-                                         const char* png_path) {
-  if (ids == nullptr || png_path == nullptr || width <= 0 || height <= 0 || width > kMaxSide ||
-      height > kMaxSide) {
-    errno = EINVAL;
-    return -1;
-  }
+// The request's overlays over the test picture, into width x height words
+// (opaque, so premultiplied is plain); the number drawn, or -1 with errno set.
+int compose(const uint32_t ids[8], int width, int height, std::uint32_t* pixels) {
   const camsim::Attachment* a = camsim::attach();
   if (a == nullptr) return -1;
 
@@ -178,8 +189,9 @@ extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int h
     }
   }
 
-  Surface frame = test_picture(width, height);
-  if (frame == nullptr) {
+  test_picture(pixels, width, height);
+  Surface frame = wrap(pixels, width, height);
+  if (cairo_surface_status(frame.get()) != CAIRO_STATUS_SUCCESS) {
     errno = ENOMEM;
     return -1;
   }
@@ -204,9 +216,54 @@ extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int h
     ++drawn;
   }
   cr.reset();
-  if (cairo_surface_write_to_png(frame.get(), png_path) != CAIRO_STATUS_SUCCESS) {
-    errno = EIO;
+  cairo_surface_flush(frame.get());
+  return drawn;
+}
+
+cairo_status_t write_to_file(void* closure, const unsigned char* data, unsigned int length) {
+  return std::fwrite(data, 1, length, static_cast<std::FILE*>(closure)) == length
+             ? CAIRO_STATUS_SUCCESS
+             : CAIRO_STATUS_WRITE_ERROR;
+}
+
+bool valid(const uint32_t ids[8], int width, int height) {
+  if (ids != nullptr && width > 0 && height > 0 && width <= kMaxSide && height <= kMaxSide)
+    return true;
+  errno = EINVAL;
+  return false;
+}
+
+}  // namespace
+
+extern "C" CAMSIM_API int camsim_compose(const uint32_t ids[8], int width, int height,
+                                         const char* png_path) {
+  if (png_path == nullptr || !valid(ids, width, height)) {
+    errno = EINVAL;
+    return -1;
+  }
+  std::vector<std::uint32_t> pixels(static_cast<std::size_t>(width) * height);
+  const int drawn = compose(ids, width, height, pixels.data());
+  if (drawn < 0) return -1;
+  Surface frame = wrap(pixels.data(), width, height);
+  // Opened here, not by cairo, so that a failure keeps the system's reason
+  // (a missing directory, no permission, a full disk) in errno.
+  std::FILE* file = std::fopen(png_path, "wb");
+  if (file == nullptr) return -1;
+  errno = 0;
+  const cairo_status_t status = cairo_surface_write_to_png_stream(frame.get(), write_to_file, file);
+  const int write_error = errno;
+  if (std::fclose(file) != 0 || status != CAIRO_STATUS_SUCCESS) {
+    errno = write_error != 0 ? write_error : (errno != 0 ? errno : EIO);
     return -1;
   }
   return drawn;
+}
+
+extern "C" CAMSIM_API int camsim_compose_argb(const uint32_t ids[8], int width, int height,
+                                              uint32_t* pixels) {
+  if (pixels == nullptr || !valid(ids, width, height)) {
+    errno = EINVAL;
+    return -1;
+  }
+  return compose(ids, width, height, pixels);
 }

@@ -1,6 +1,8 @@
 // Binding a process to the camera device and the shared tables: the owner
 // with overlay_init / overlay_deinit, every other process with
 // overlay_attach / overlay_detach.
+#include <cerrno>
+
 #include "common/log.h"
 #include "kept_overlays.h"
 #include "zantrel.h"
@@ -28,6 +30,12 @@ int bind(int fd) {
   }
   int own = o_open_fd();
   if (own < 0) {
+    // Says what is missing: on a workstation the device exists only under
+    // the simulated driver.
+    zantrel::log_message(LOG_ERR,
+                         "libzantrel: Could not open the camera device /dev/cam0: %s (on a "
+                         "workstation, run the program under camsim-run)\n",
+                         zantrel::error_text(errno));
     g_state = {};
     return -1;
   }
@@ -101,6 +109,10 @@ int overlay_attach(int fd) {
     return rc;
   }
   if (overlay_table_exists() == 0) {
+    zantrel::log_message(LOG_ERR,
+                         "libzantrel: Could not attach: there is no overlay table /ovl_table. "
+                         "Is the overlay system running? (its owner calls overlay_init; on a "
+                         "workstation, zantrel-vcam --serve)\n");
     zantrel::api::unbind_after_failure();
     return -1;
   }

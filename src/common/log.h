@@ -1,4 +1,5 @@
-// The library's one road to syslog: messages are passed on exactly as the
+// The library's one road to syslog (and, with ZANTREL_LOG_STDERR, also to
+// standard error): messages are passed on exactly as the
 // callers format them (they carry their own "libzantrel: " prefix).
 #pragma once
 

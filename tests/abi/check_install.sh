@@ -39,6 +39,16 @@ unexpected="$(find "$stage" -type f ! -name 'libzantrel.so.0.*' ! -name zantrel.
 [[ -z $unexpected ]] || fail "the library component installs more than the library: $unexpected"
 grep -qx 'prefix=/usr' "$libdir/pkgconfig/zantrel.pc" || fail "zantrel.pc does not name the prefix /usr"
 
+# An encoder of one's own expands texts as the camera's does: the stand-ins
+# bring the documented tokenfill.h with their library and tokenfill.pc.
+standin_stage="$stage/standins"
+DESTDIR="$standin_stage" cmake --install "$build" --prefix /usr --component standins > /dev/null
+[[ -f $standin_stage/usr/include/tokenfill.h ]] || fail "no /usr/include/tokenfill.h from the stand-ins"
+[[ -n $(find "$standin_stage" -name tokenfill.pc) ]] || fail "no tokenfill.pc from the stand-ins"
+grep -q '^TOKENFILL_API tokenfill_context\* tokenfill_init' "$standin_stage/usr/include/tokenfill.h" ||
+  fail "the installed tokenfill.h does not declare tokenfill_init"
+rm -rf "$standin_stage"
+
 # As a cross build does it: the staged tree is pkg-config's sysroot.
 export PKG_CONFIG_SYSROOT_DIR="$stage" PKG_CONFIG_LIBDIR="$libdir/pkgconfig"
 read -r -a flags <<< "$(pkg-config --cflags --libs zantrel)"

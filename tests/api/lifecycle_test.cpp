@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
 #include <tuple>
 
 #include "api_test_util.h"
@@ -49,7 +50,9 @@ TEST_F(Lifecycle, InitWithOwnDescriptorMakesTableAndLoadsPalette) {
 TEST_F(Lifecycle, AttachNeedsTheMainTableAndCallersDescriptorIsNeverClosed) {
   int before = camsim_open_count();
   EXPECT_EQ(overlay_attach(0), -1);
-  EXPECT_TRUE(camsim_open_count() == before + 1 && o_get_fd() == 0 && captured_logs().empty());
+  EXPECT_TRUE(camsim_open_count() == before + 1 && o_get_fd() == 0);
+  ASSERT_EQ(captured_logs().size(), 1U);  // says what is missing
+  EXPECT_NE(captured_logs()[0].message.find("no overlay table /ovl_table"), std::string::npos);
 
   int own = open("/dev/cam0", O_RDWR);
   ASSERT_GT(own, 0);
@@ -67,6 +70,35 @@ TEST_F(Lifecycle, AttachNeedsTheMainTableAndCallersDescriptorIsNeverClosed) {
   ASSERT_GT(fd, 0);
   EXPECT_EQ(overlay_detach(), 0);
   EXPECT_TRUE(o_get_fd() == 0 && !fd_open(fd) && overlay_table_exists() == 1);
+}
+
+// ZANTREL_LOG_STDERR copies each message, as syslog gets it, to standard
+// error; unset, empty or "0" it does not.
+TEST_F(Lifecycle, MessagesGoToStandardErrorOnRequest) {
+  for (const char* value : std::initializer_list<const char*>{"1", "yes", "0", "", nullptr}) {
+    const bool copied = value != nullptr && *value != '\0' && std::string(value) != "0";
+    EXPECT_EQ(
+        zantrel::test::run_in_child([value] {
+          int out[2];
+          if (pipe(out) != 0 || dup2(out[1], STDERR_FILENO) < 0) return 2;
+          close(out[1]);
+          value != nullptr ? setenv("ZANTREL_LOG_STDERR", value, 1)
+                           : unsetenv("ZANTREL_LOG_STDERR");
+          clear_captured_logs();
+          overlay_attach(0);
+          int none[2] = {0, 0};
+          overlay_get_max_resolution(0, nullptr, reinterpret_cast<uint32_t*>(none));
+          close(STDERR_FILENO);
+          std::string written(4096, '\0');
+          const ssize_t n = read(out[0], written.data(), written.size());
+          written.resize(n > 0 ? static_cast<size_t>(n) : 0);
+          std::string logged;
+          for (const auto& record : captured_logs()) logged += record.message;
+          return captured_logs().size() == 2 && written == logged ? 0 : written.empty() ? 1 : 3;
+        }),
+        copied ? 0 : 1)
+        << (value != nullptr ? value : "unset");
+  }
 }
 
 TEST_F(Lifecycle, ReinitWarnsOnceAndStartsAfresh) {

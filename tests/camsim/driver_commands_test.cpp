@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <tuple>
@@ -293,6 +294,93 @@ TEST(Compose, OverlaysLandWhereTheirPositionSays) {
       {52, 52, kDark}, {128, 64, kGreen}, {135, 69, kGreen}, {136, 64, kDark}, {128, 70, kDark}};
   for (auto [x, y, argb] : points) EXPECT_EQ(data[y * 256 + x], argb) << x << "," << y;
   cairo_surface_destroy(png);
+}
+
+// Every format that the capabilities list, written in the driver's layout
+// of its type (camsim.h) as 2 x 2 blocks of red and blue, comes out of the
+// compositor as those blocks.
+TEST(Compose, EveryListedFormatIsDrawnInItsLayout) {
+  static constexpr u32 kRed = 0xFFFF0000, kBlue = 0xFF0000FF, kW = 8, kH = 4, kN = kW * kH;
+  struct Yuv {
+    std::uint8_t y, cb, cr;
+  };
+  static constexpr Yuv kYuv[2] = {{76, 85, 255}, {29, 255, 107}};  // red, blue in full-range BT.601
+  // Writes pixel (x, y) as red (blue = false) or blue into a buffer of the type.
+  using Put = void (*)(std::vector<std::uint8_t>&, u32, u32, bool);
+  auto planes = [](std::vector<std::uint8_t>& b, u32 x, u32 y, bool blue, long alpha) {
+    const u32 i = y * kW + x, pair = kN + (y / 2) * kW + 2 * (x / 2);
+    b[i] = kYuv[blue].y, b[pair] = kYuv[blue].cr, b[pair + 1] = kYuv[blue].cb;
+    if (alpha >= 0) b[alpha + i] = 0xFF;
+  };
+  static decltype(planes) planar = planes;
+  const std::map<int, Put> put = {
+      {0, [](auto& b, u32 x, u32 y,
+             bool blue) { b[(y * kW + x) / 2] |= (blue ? 2 : 1) << (x % 2 * 4); }},
+      {5,
+       [](auto& b, u32 x, u32 y, bool blue) {
+         b[(y * kW + x) / 2] |= (blue ? 2 : 1) << (x % 2 * 4);
+         b[kN / 2 + (y * kW + x) / 2] |= (blue ? 2 : 1) << (4 - x % 2 * 4);
+       }},
+      {1, [](auto& b, u32 x, u32 y, bool blue) { planar(b, x, y, blue, -1); }},
+      {7, [](auto& b, u32 x, u32 y, bool blue) { planar(b, x, y, blue, kN * 3 / 2); }},
+      {8, [](auto& b, u32 x, u32 y, bool blue) { planar(b, x, y, blue, kN * 2); }},
+      {2, [](auto& b, u32 x, u32 y, bool blue) { b[y * kW + x] = blue ? 0xC3 : 0xF0; }},
+      {3,
+       [](auto& b, u32 x, u32 y, bool blue) {
+         const std::uint16_t v = blue ? 0xF00F : 0xFF00;
+         std::memcpy(&b[2 * (y * kW + x)], &v, 2);
+       }},
+      {4, [](auto& b, u32 x, u32 y,
+             bool blue) { std::memcpy(&b[4 * (y * kW + x)], &(blue ? kBlue : kRed), 4); }},
+      {6, [](auto& b, u32 x, u32 y,
+             bool blue) { b[y * ((kW + 7) / 8) + x / 8] |= (blue ? 1 : 0) << (x % 8); }},
+  };
+  auto near = [](u32 a, u32 b) {
+    for (int shift = 0; shift < 32; shift += 8)
+      if (std::abs(int(a >> shift & 0xFF) - int(b >> shift & 0xFF)) > 2) return false;
+    return true;
+  };
+  overlay_caps caps{};
+  o_get_overlay_caps(&caps);
+  ASSERT_EQ(camsim_reset(), 0);
+  Node node;
+  for (int bank_index = 1; bank_index <= 2; ++bank_index) {
+    const Yuv& c = kYuv[bank_index - 1];
+    cam_palette_color colour{std::uint8_t(bank_index), 1, c.y, c.cb, c.cr, 0xFF, {}, 0};
+    ASSERT_EQ(command(node.fd, CAM_IOC_SET_PALETTE_COLOR, &colour), 0);
+  }
+  for (const u32 format : caps.formats) {
+    if (format == 0xFFFFFFFFu) break;
+    const int type = o_get_overlay_internal_type(format);
+    SCOPED_TRACE("format " + std::to_string(format) + ", type " + std::to_string(type));
+    ASSERT_EQ(put.count(type), 1u) << "a listed format without a layout";
+    internal_overlay r = record(type, kW, kH);
+    if (type == 6) r.palette_colors[0] = kRed, r.palette_colors[1] = kBlue;
+    u32 ids[8] = {create(node.fd, r)};
+    ASSERT_EQ(camsim_get_overlay(ids[0], &r), 0);
+    std::vector<std::uint8_t> pixels(r.buffer_size);
+    for (u32 y = 0; y < kH; ++y)
+      for (u32 x = 0; x < kW; ++x) put.at(type)(pixels, x, y, (x / 2 + y / 2) % 2 == 1);
+    const int offset = get_buffer(node.fd, ids[0]);
+    void* map = mmap(nullptr, r.buffer_size, PROT_WRITE, MAP_SHARED, node.fd, offset);
+    ASSERT_NE(map, MAP_FAILED);
+    std::memcpy(map, pixels.data(), pixels.size());
+    munmap(map, r.buffer_size);
+    ASSERT_EQ(submit(node.fd, ids[0], offset), 0);
+    const std::string path = ::testing::TempDir() + "camsim_format.png";
+    ASSERT_EQ(camsim_compose(ids, 16, 16, path.c_str()), 1);
+    cairo_surface_t* png = cairo_image_surface_create_from_png(path.c_str());
+    unlink(path.c_str());
+    const auto* data = reinterpret_cast<const u32*>(cairo_image_surface_get_data(png));
+    ASSERT_NE(data, nullptr);
+    for (u32 y = 0; y < kH; ++y)
+      for (u32 x = 0; x < kW; ++x) {
+        const u32 want = (x / 2 + y / 2) % 2 == 1 ? kBlue : kRed, got = data[y * 16 + x];
+        EXPECT_PRED2(near, got, want) << std::hex << got << " at " << std::dec << x << "," << y;
+      }
+    cairo_surface_destroy(png);
+    destroy(node.fd, ids[0]);
+  }
 }
 
 }  // namespace

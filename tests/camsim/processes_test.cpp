@@ -76,6 +76,14 @@ TEST(Processes, UnmodifiedProgramSeesTheNodesOnlyUnderCamsimRun) {
   u32 id = 0;
   ASSERT_EQ(camsim_live_ids(&id, 1), 1);
   EXPECT_EQ(out, std::to_string(id) + " 512 0\n");
+  // Options are the launcher's, not a program's name.
+  for (const char* option : {" --help", " -h"}) {
+    p = popen((CAMSIM_RUN + std::string(option)).c_str(), "r");
+    ASSERT_NE(fgets(out, sizeof out, p), nullptr);
+    EXPECT_EQ(pclose(p), 0) << option;
+    EXPECT_EQ(std::string(out).rfind("usage: camsim-run", 0), 0u) << out;
+  }
+  EXPECT_EQ(system(CAMSIM_RUN " --bogus " CAMSIM_PROBE " 2>/dev/null"), 2 << 8);
 }
 
 }  // namespace

@@ -21,6 +21,12 @@ TEST(VcamLive, ShowsWhatAProgramMadeUntilStopped) {
                                d + "/video.y4m", "--y4m-stream", "1"},
                               d + "/stdout.txt");
   ASSERT_TRUE(vcam.wait_for_line("live on 2 streams")) << vcam.stderr_text();
+  // A second camera would reset the driver under the first: it refuses,
+  // naming the running one, which goes on as below.
+  vcam_test::VcamProcess second({"--serve", "--out", d + "/second"}, d + "/second.txt");
+  EXPECT_EQ(second.wait(), 1);
+  EXPECT_NE(second.stderr_text().find("(pid " + std::to_string(vcam.pid())), std::string::npos)
+      << second.stderr_text();
   vcam_test::VcamProcess app({HELLO_OVERLAYS}, d + "/app.txt", CAMSIM_RUN);
   ASSERT_EQ(app.wait(), 0) << app.stderr_text();
   kill(vcam.pid(), SIGUSR1);  // pictures now, begun after the program ended
@@ -43,6 +49,13 @@ TEST(VcamLive, ShowsWhatAProgramMadeUntilStopped) {
       {"snapshot", "--stream", "1", "--size", "320x180", "-o", d + "/snap.png"}, d + "/snap.txt",
       ZANTRELCTL);
   ASSERT_EQ(snapshot.wait(), 0) << snapshot.stderr_text();
+  vcam_test::VcamProcess nowhere(
+      {"snapshot", "--stream", "1", "--size", "320x180", "-o", d + "/none/snap.png"},
+      d + "/none.txt", ZANTRELCTL);
+  EXPECT_EQ(nowhere.wait(), 1);
+  EXPECT_NE(nowhere.stderr_text().find(d + "/none/snap.png: No such file or directory"),
+            std::string::npos)
+      << nowhere.stderr_text();
   EXPECT_TRUE(Picture(d + "/snap.png").same_in(live[1], 0, 0, kW, kH));
   EXPECT_EQ(camsim_live_count(), live_overlays);
   kill(vcam.pid(), SIGUSR1);

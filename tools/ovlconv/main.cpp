@@ -1,6 +1,7 @@
 // ovlconv: converts between PNG and the camera's ".ovl" image files.
 //   ovlconv to-ovl [--packed [--key LUMA]] IN.png OUT.ovl
 //   ovlconv to-png IN.ovl OUT.png
+//   ovlconv --help
 // Any failure prints one line on stderr, exits with 1 and leaves no output
 // file: the output is written to a temporary file beside it and renamed.
 #include <cairo.h>
@@ -31,11 +32,41 @@ constexpr uint8_t kDefaultKey = 16;
 // cairo's image surfaces are at most this wide and high.
 constexpr uint32_t kCairoMaxSide = 32767;
 
+constexpr char kUsage[] =
+    "usage: ovlconv to-ovl [--packed [--key LUMA]] IN.png OUT.ovl\n"
+    "       ovlconv to-png IN.ovl OUT.png\n"
+    "       ovlconv --help\n";
+
+constexpr char kHelp[] =
+    "\n"
+    "Converts between PNG and the camera's \".ovl\" image files, which\n"
+    "overlay_image_create() loads into an image overlay (OVERLAY_FORMAT_YCBCR_ALPHA).\n"
+    "\n"
+    "to-ovl   writes IN.png as an .ovl file. By default every pixel is kept with its\n"
+    "         own alpha (file version '4': B, G, R, A bytes, 4 bytes a pixel), so\n"
+    "         soft edges and half-transparent areas stay as they are.\n"
+    "  --packed     a smaller file (version '2': luma for every pixel, one Cb/Cr pair\n"
+    "               for every two pixels of a row, 2 bytes a pixel) with no alpha: a\n"
+    "               pixel whose alpha is below 128 becomes transparent, every other\n"
+    "               one opaque. Transparency is a colour key: transparent pixels get\n"
+    "               the key luma, and an opaque pixel of that very luma moves one\n"
+    "               step away from it, so that it stays visible.\n"
+    "  --key LUMA   the key luma of --packed, 0 to 255 (default 16, the black of\n"
+    "               studio-range video; choose a luma the picture does not need).\n"
+    "to-png   writes any .ovl file (versions '1' to '4') as PNG; key pixels of a\n"
+    "         packed file come back fully transparent.\n"
+    "\n"
+    "A failure prints one line naming the file and the cause, exits with 1 and\n"
+    "leaves no output file (the output is written beside it and renamed). Wrong\n"
+    "usage exits with 2.\n"
+    "\n"
+    "Examples:\n"
+    "  ovlconv to-ovl logo.png logo.ovl\n"
+    "  ovlconv to-ovl --packed --key 235 badge.png badge.ovl\n"
+    "  ovlconv to-png logo.ovl check.png\n";
+
 int usage() {
-  std::fputs(
-      "usage: ovlconv to-ovl [--packed [--key LUMA]] IN.png OUT.ovl\n"
-      "       ovlconv to-png IN.ovl OUT.png\n",
-      stderr);
+  std::fputs(kUsage, stderr);
   return 2;
 }
 
@@ -152,7 +183,8 @@ class AtomicOutput {
   explicit AtomicOutput(std::string path) : path_(std::move(path)), temp_(path_ + ".XXXXXX") {
     fd_ = mkstemp(temp_.data());
     if (fd_ < 0) {
-      throw Error(system_error("cannot create", temp_));
+      // The file asked for, not the scratch name beside it.
+      throw Error(system_error("cannot create", path_));
     }
     // mkstemp makes the file private; give it the mode a plain create would.
     mode_t mask = umask(0);
@@ -321,6 +353,10 @@ int main(int argc, char** argv) {
     return usage();
   }
   std::string_view command = argv[1];
+  if (command == "-h" || command == "--help") {
+    std::printf("%s%s", kUsage, kHelp);
+    return 0;
+  }
   try {
     if (command == "to-ovl") {
       return to_ovl(argc - 2, argv + 2);

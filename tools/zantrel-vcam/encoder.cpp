@@ -230,13 +230,12 @@ class Encoder {
       outputs.push_back(
           {streams_[i].size, config_.out_dir + "/" + live_picture_name(i, streams_[i].size)});
     }
-    LiveOutput output(std::move(outputs), config_.y4m_fd, config_.y4m_stream, kFramesPerSecond,
-                      config_.work_dir + "/video.png");
+    LiveOutput output(std::move(outputs), config_.y4m_fd, config_.y4m_stream, kFramesPerSecond);
     std::vector<RequestIds> requests(streams_.size());
     FrameClock clock(kFramesPerSecond);
     std::fprintf(stderr,
-                 "zantrel-vcam: live on %zu stream%s at %d frames a second; pictures in %s/ every "
-                 "second and on kill -USR1 %d; Ctrl-C stops\n",
+                 "zantrel-vcam: live on %zu stream%s at %d frames a second; pictures in %s/ within "
+                 "a second of a change and on kill -USR1 %d; Ctrl-C stops\n",
                  streams_.size(), streams_.size() == 1 ? "" : "s", kFramesPerSecond,
                  config_.out_dir.c_str(), getppid());
     LiveProgress progress;

@@ -1,6 +1,5 @@
 #include "live.h"
 
-#include <cairo.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/timerfd.h>
@@ -79,9 +78,8 @@ std::vector<uint32_t> shown_state(const RequestIds& ids) {
   return state;
 }
 
-Y4mWriter::Y4mWriter(int fd, StreamSize size, int frames_per_second, std::string scratch_png,
-                     const std::atomic<bool>& stop)
-    : fd_(fd), stop_(stop), size_(size), scratch_png_(std::move(scratch_png)) {
+Y4mWriter::Y4mWriter(int fd, StreamSize size, int frames_per_second, const std::atomic<bool>& stop)
+    : fd_(fd), stop_(stop), size_(size) {
   const int flags = fcntl(fd_, F_GETFL);
   if (flags >= 0) {
     fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
@@ -93,51 +91,40 @@ Y4mWriter::Y4mWriter(int fd, StreamSize size, int frames_per_second, std::string
 }
 
 bool Y4mWriter::compose(const RequestIds& ids) {
-  if (camsim_compose(ids.data(), static_cast<int>(size_.width), static_cast<int>(size_.height),
-                     scratch_png_.c_str()) < 0) {
+  const size_t w = size_.width;
+  const size_t h = size_.height;
+  pixels_.resize(w * h);
+  if (camsim_compose_argb(ids.data(), static_cast<int>(w), static_cast<int>(h), pixels_.data()) <
+      0) {
     std::fprintf(stderr, "zantrel-vcam: encoder: cannot compose a video frame: %s\n",
                  std::strerror(errno));
     return false;
   }
-  std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> picture(
-      cairo_image_surface_create_from_png(scratch_png_.c_str()), cairo_surface_destroy);
-  unlink(scratch_png_.c_str());
-  const size_t w = size_.width;
-  const size_t h = size_.height;
-  if (cairo_surface_status(picture.get()) != CAIRO_STATUS_SUCCESS ||
-      static_cast<size_t>(cairo_image_surface_get_width(picture.get())) != w ||
-      static_cast<size_t>(cairo_image_surface_get_height(picture.get())) != h) {
-    std::fputs("zantrel-vcam: encoder: cannot read back a video frame\n", stderr);
-    return false;
-  }
-  const unsigned char* data = cairo_image_surface_get_data(picture.get());
-  const size_t stride = static_cast<size_t>(cairo_image_surface_get_stride(picture.get()));
   constexpr char kFrame[] = "FRAME\n";
   constexpr size_t kFrameTag = sizeof kFrame - 1;
-  frame_.assign(kFrameTag + w * h * 3 / 2, 0);
+  frame_.resize(kFrameTag + w * h * 3 / 2);
   std::memcpy(frame_.data(), kFrame, kFrameTag);
   uint8_t* luma = frame_.data() + kFrameTag;
   uint8_t* cb = luma + w * h;
   uint8_t* cr = cb + w * h / 4;
-  // The picture is opaque, so cairo's premultiplied pixels are plain RGB.
-  const auto rgb = [&](size_t x, size_t y, int channel) {
-    uint32_t pixel = 0;
-    std::memcpy(&pixel, data + y * stride + 4 * x, sizeof pixel);
-    return static_cast<int>((pixel >> (16 - 8 * channel)) & 0xFF);
+  const uint32_t* argb = pixels_.data();
+  const auto channel = [](uint32_t pixel, int c) {
+    return static_cast<int>((pixel >> (16 - 8 * c)) & 0xFF);
   };
-  for (size_t y = 0; y < h; ++y) {
-    for (size_t x = 0; x < w; ++x) {
-      const int r = rgb(x, y, 0), g = rgb(x, y, 1), b = rgb(x, y, 2);
-      luma[y * w + x] = static_cast<uint8_t>(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16);
-    }
+  for (size_t i = 0; i < w * h; ++i) {
+    const int r = channel(argb[i], 0), g = channel(argb[i], 1), b = channel(argb[i], 2);
+    luma[i] = static_cast<uint8_t>(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16);
   }
-  for (size_t y = 0; y < h; y += 2) {
-    for (size_t x = 0; x < w; x += 2) {
-      int sum[3] = {0, 0, 0};
+  for (size_t y = 0; y + 1 < h; y += 2) {
+    const uint32_t* top = argb + y * w;
+    const uint32_t* bottom = top + w;
+    for (size_t x = 0; x + 1 < w; x += 2) {
+      int sum[3];  // four times the block's mean
       for (int c = 0; c < 3; ++c) {
-        sum[c] = rgb(x, y, c) + rgb(x + 1, y, c) + rgb(x, y + 1, c) + rgb(x + 1, y + 1, c);
+        sum[c] = channel(top[x], c) + channel(top[x + 1], c) + channel(bottom[x], c) +
+                 channel(bottom[x + 1], c);
       }
-      const int r = sum[0], g = sum[1], b = sum[2];  // four times the block's mean
+      const int r = sum[0], g = sum[1], b = sum[2];
       const size_t at = y / 2 * (w / 2) + x / 2;
       cb[at] = static_cast<uint8_t>(((-38 * r - 74 * g + 112 * b + 512) >> 10) + 128);
       cr[at] = static_cast<uint8_t>(((112 * r - 94 * g - 18 * b + 512) >> 10) + 128);
@@ -200,15 +187,16 @@ bool Y4mWriter::send(const void* data, size_t size) {
 }
 
 LiveOutput::LiveOutput(std::vector<Stream> streams, int y4m_fd, size_t y4m_stream,
-                       int frames_per_second, const std::string& scratch_png)
+                       int frames_per_second)
     : streams_(std::move(streams)),
       y4m_stream_(y4m_stream),
       frames_per_second_(static_cast<uint64_t>(frames_per_second)),
       tty_(isatty(STDERR_FILENO) == 1),
+      pictured_(streams_.size()),
       requests_(streams_.size()) {
   if (y4m_fd >= 0) {
-    video_ = std::make_unique<Y4mWriter>(y4m_fd, streams_[y4m_stream].size, frames_per_second,
-                                         scratch_png, stop_);
+    video_ =
+        std::make_unique<Y4mWriter>(y4m_fd, streams_[y4m_stream].size, frames_per_second, stop_);
   }
   thread_ = std::thread([this] { run(); });
 }
@@ -259,9 +247,16 @@ void LiveOutput::run() {
     }
     bool written = pictures;
     for (size_t i = 0; pictures && i < streams_.size(); ++i) {
+      // Idle, a stream's picture is written once and then left alone; a
+      // request (SIGUSR1) writes every one.
+      std::vector<uint32_t> shown = shown_state(requests[i]);
+      if (!requested && shown == pictured_[i]) {
+        continue;
+      }
       const bool ok = replace_picture(requests[i], streams_[i].size, streams_[i].picture_path);
       pictures_ += ok ? 1 : 0;
       written = written && ok;
+      pictured_[i] = ok ? std::move(shown) : std::vector<uint32_t>{};
     }
     if (requested && written) {
       std::fprintf(stderr, "%szantrel-vcam: pictures of frame %llu written on request\n",

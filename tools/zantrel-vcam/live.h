@@ -46,10 +46,8 @@ bool replace_picture(const RequestIds& ids, StreamSize size, const std::string& 
 class Y4mWriter {
  public:
   // fd is not owned and is made non-blocking, so that a reader that stopped
-  // reading does not hold up a stop (stop); scratch_png is where
-  // compositions go on their way.
-  Y4mWriter(int fd, StreamSize size, int frames_per_second, std::string scratch_png,
-            const std::atomic<bool>& stop);
+  // reading does not hold up a stop (stop).
+  Y4mWriter(int fd, StreamSize size, int frames_per_second, const std::atomic<bool>& stop);
   // Sends count frames of what the request's ids show now. false when the
   // reader is gone (reader_gone()), on a stop, or when the picture cannot be
   // made, reported on stderr.
@@ -63,10 +61,10 @@ class Y4mWriter {
   int fd_;
   const std::atomic<bool>& stop_;
   StreamSize size_;
-  std::string scratch_png_;
   std::string header_;
-  std::vector<uint8_t> frame_;   // "FRAME\n", Y, Cb, Cr
-  std::vector<uint32_t> shown_;  // what frame_ was composed from
+  std::vector<uint32_t> pixels_;  // the composition, ARGB
+  std::vector<uint8_t> frame_;    // "FRAME\n", Y, Cb, Cr
+  std::vector<uint32_t> shown_;   // what frame_ was composed from
   bool reader_gone_ = false;
 };
 
@@ -81,8 +79,7 @@ class LiveOutput {
     std::string picture_path;
   };
   // y4m_fd -1: no video.
-  LiveOutput(std::vector<Stream> streams, int y4m_fd, size_t y4m_stream, int frames_per_second,
-             const std::string& scratch_png);
+  LiveOutput(std::vector<Stream> streams, int y4m_fd, size_t y4m_stream, int frames_per_second);
   LiveOutput(const LiveOutput&) = delete;
   LiveOutput& operator=(const LiveOutput&) = delete;
   // Waits for the work under way.
@@ -109,6 +106,9 @@ class LiveOutput {
   std::atomic<bool> reader_gone_{false};
   std::atomic<uint32_t> pictures_{0};
   std::unique_ptr<Y4mWriter> video_;
+  // What each stream's written picture shows (shown_state), empty before
+  // the first one; only the output thread touches it.
+  std::vector<std::vector<uint32_t>> pictured_;
   std::mutex mutex_;
   std::condition_variable wake_;
   // The work waiting, under mutex_.

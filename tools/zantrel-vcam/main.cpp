@@ -9,6 +9,8 @@
 #include <fcntl.h>
 #include <glob.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,6 +66,47 @@ std::string find_logo() {
   }
   return candidates[0];
 }
+
+// The simulated driver is one per machine, and every run resets it: one
+// zantrel-vcam at a time holds it, through a lock on a shared-memory object
+// that also names the holder. The kernel drops the lock with the last of the
+// holder's processes, so a killed camera leaves nothing that stops the next.
+class DriverClaim {
+ public:
+  // false, with a message naming the running one, when another holds it.
+  bool take(bool serve) {
+    fd_ = Fd(shm_open("/zantrel_vcam_running", O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    if (!fd_) {
+      std::fprintf(stderr, "zantrel-vcam: cannot open /dev/shm/zantrel_vcam_running: %s\n",
+                   std::strerror(errno));
+      return false;
+    }
+    if (flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
+      char holder[64] = {};
+      const ssize_t n = pread(fd_.get(), holder, sizeof holder - 1, 0);
+      holder[n > 0 ? n : 0] = '\0';
+      const long pid = std::strtol(holder, nullptr, 10);
+      const std::string pid_text = pid > 0 ? std::to_string(pid) : "unknown";
+      std::fprintf(stderr,
+                   "zantrel-vcam: another zantrel-vcam runs on this machine's simulated driver "
+                   "(pid %s%s); it is left as it is. Stop it first (kill %s), or run your "
+                   "programs against it.\n",
+                   pid_text.c_str(), std::strstr(holder, "--serve") != nullptr ? ", --serve" : "",
+                   pid > 0 ? pid_text.c_str() : "PID");
+      return false;
+    }
+    const std::string text = std::to_string(getpid()) + (serve ? ", --serve" : "");
+    if (ftruncate(fd_.get(), 0) != 0 ||
+        pwrite(fd_.get(), text.c_str(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+      std::fprintf(stderr, "zantrel-vcam: cannot write /dev/shm/zantrel_vcam_running: %s\n",
+                   std::strerror(errno));
+    }
+    return true;
+  }
+
+ private:
+  Fd fd_;
+};
 
 // A private scratch directory, removed with everything in it.
 class TempDir {
@@ -207,6 +250,15 @@ int supervise(const Options& options) {
   const auto start = std::chrono::steady_clock::now();
   // First, so that a stop from now on ends the run through its cleanup.
   signals::install(/*watch_children=*/true);
+  // Workstations often run no syslog daemon; the owner's, the application's
+  // and the encoder's library messages then still reach the terminal.
+  if (options.log_stderr) {
+    setenv("ZANTREL_LOG_STDERR", "1", 0);
+  }
+  DriverClaim claim;
+  if (!claim.take(options.serve)) {
+    return kExitFailure;
+  }
   std::error_code error;
   std::filesystem::create_directories(options.out_dir, error);
   if (error) {

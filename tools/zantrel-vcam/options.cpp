@@ -64,11 +64,16 @@ std::string usage_text() {
          "  --serve       live: the owner and the encoder run at 30 frames a second of\n"
          "                real time until Ctrl-C or SIGTERM, for programs started with\n"
          "                camsim-run; each stream's picture goes to DIR/streamN-WxH.png\n"
-         "                once a second and at once on SIGUSR1\n"
+         "                within a second of a change and at once on SIGUSR1; a second\n"
+         "                zantrel-vcam on the same machine refuses to start\n"
          "  --demo        with --serve: the scene too, changing every 4 seconds\n"
          "  --y4m FILE    with --serve: every frame of one stream as YUV4MPEG2 video;\n"
          "                - for standard output (zantrel-vcam --serve --y4m - | ffplay -)\n"
-         "  --y4m-stream N  the stream of --y4m (default 0)\n";
+         "  --y4m-stream N  the stream of --y4m (default 0)\n"
+         "  --no-log-stderr  leave libzantrel's messages to syslog; by default they also\n"
+         "                go to standard error (ZANTREL_LOG_STDERR=1, unless already set)\n"
+         "  A snapshot (zantrelctl snapshot) shows a scrolling text at its start; the\n"
+         "  pictures written here show it where the encoder has it.\n";
 }
 
 std::string to_string(StreamSize size) {
@@ -87,6 +92,10 @@ Options parse_options(int argc, char** argv) {
     }
     if (arg == "--soak" || arg == "--serve" || arg == "--demo") {
       (arg == "--soak" ? options.soak : arg == "--serve" ? options.serve : options.demo) = true;
+      continue;
+    }
+    if (arg == "--no-log-stderr") {
+      options.log_stderr = false;
       continue;
     }
     // Both "--name value" and "--name=value".

@@ -25,7 +25,8 @@ struct Options {
   // each stream's picture once a second; the scene only with demo.
   bool serve = false;
   bool demo = false;
-  std::string y4m;  // live video of one stream: a path, "-" for stdout, empty for none
+  bool log_stderr = true;  // ZANTREL_LOG_STDERR=1 for the camera's processes
+  std::string y4m;         // live video of one stream: a path, "-" for stdout, empty for none
   size_t y4m_stream = 0;
 };
 

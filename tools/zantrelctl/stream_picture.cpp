@@ -31,7 +31,11 @@ int usage() {
       "  Composes what stream N of channel C (default 0) shows now, at WxH pixels, as\n"
       "  an encoder would, in a stream context of its own; a running encoder is not\n"
       "  disturbed. Needs a running overlay system on the simulated driver\n"
-      "  (zantrel-vcam --serve).\n",
+      "  (zantrel-vcam --serve).\n"
+      "  A scrolling text is shown at its start: how far it has scrolled is kept in\n"
+      "  the running encoder's own stream context, which another process cannot see.\n"
+      "  For the running encoder's own pictures, kill -USR1 the zantrel-vcam --serve\n"
+      "  (its pid is on its first line) and read OUT/streamN-WxH.png.\n",
       stderr);
   return 2;
 }
@@ -115,7 +119,7 @@ int compose(const Options& o, int fd, const std::string& scratch) {
     drawn = camsim_compose(request.overlay_ids, static_cast<int>(o.width),
                            static_cast<int>(o.height), scratch.c_str());
     if (drawn < 0) {
-      std::fprintf(stderr, "zantrelctl: cannot compose the picture: %s\n", std::strerror(errno));
+      std::fprintf(stderr, "zantrelctl: cannot write %s: %s\n", o.output, std::strerror(errno));
     }
   }
   overlay_stream_context_destroy(context);
