@@ -1507,18 +1507,35 @@ ZANTREL_API void overlay_stream_context_destroy(overlay_stream_context* context)
  * @return 0, also when the tables do not exist yet or cannot be locked (the
  *         request is then untouched, and the next frame tries again); -1
  *         for a NULL context ("Need a valid stream context to setup a encode
- *         request"). A copy or text that cannot be drawn is logged and left
- *         out of the frame.
+ *         request"). A copy or text that cannot be drawn is logged, left
+ *         out of the frame and tried again on the next one.
+ *
+ * What the context drew for its stream (copies, modifiable texts with their
+ * glyph caches and scroll positions) is kept across gatherings while the
+ * entry it was drawn from is unchanged; the drawing of one call is bounded
+ * (overlay_stream_context_set_work_bound()).
  */
 ZANTREL_API int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* request,
                                         const overlay_expansion_params* params);
-/* Bounds the drawing that one overlay_setup_in_encreq call of this context
- * may do, in glyph pixels drawn (a scaled image counts its pixels); 0 means
- * unbounded. Work left over goes on in the following calls: until an
- * overlay's new copy is complete the request shows its previous copy, or
- * nothing at its place when there is none. The default, 28672 (seven glyphs of 64x64 pixels), keeps
- * every call of a full scene far inside a frame on the camera. The encoder's thread of the stream
- * calls it, like overlay_setup_in_encreq. Returns 0, or -2 (logged) for a NULL context. */
+/**
+ * Bounds the drawing that one overlay_setup_in_encreq() call of this context
+ * may do, so that no change of the scene costs the encoder a frame. The
+ * bound counts pixels drawn: each glyph its pixels, at least 64 x 64 (its
+ * outline costs about as much whatever its size), and a scaled image its
+ * pixels. Drawing that does not fit goes on in the following calls, in
+ * priority order: until an overlay's new copy is complete, the request shows
+ * its former copy, or leaves its place empty when there is none; a copy is
+ * never shown half drawn. The pictures are the same whatever the bound.
+ *
+ * The default, 28672 (seven glyphs), keeps a call below about 2 million
+ * instructions and a scene's cold start within a few frames. Called from
+ * the stream's encoding thread, like overlay_setup_in_encreq().
+ *
+ * @param pixels  the bound; 0 means unbounded (everything is drawn in the
+ *                call that needs it).
+ * @return 0; -2 for a NULL context ("Need a valid stream context to set a
+ *         work bound").
+ */
 ZANTREL_API int overlay_stream_context_set_work_bound(overlay_stream_context* context,
                                                       uint32_t pixels);
 
