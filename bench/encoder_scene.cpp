@@ -13,8 +13,13 @@
 //
 // --bound N sets the contexts' work bound (overlay_stream_context_set_work_bound).
 #include <sys/time.h>
+#if __has_include(<valgrind/callgrind.h>)
 #include <valgrind/callgrind.h>
-#include <valgrind/valgrind.h>
+#else  // a build without valgrind's headers runs the scene without counting
+#define CALLGRIND_ZERO_STATS
+#define CALLGRIND_DUMP_STATS_AT(label) (void)(label)
+#define RUNNING_ON_VALGRIND 0
+#endif
 
 #include <cstdio>
 #include <cstdlib>
