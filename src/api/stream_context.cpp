@@ -12,6 +12,7 @@
 #include <glib.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -35,6 +36,9 @@ constexpr int kPositions = OVERLAY_SET_PLACES;
 // (mostly cairo outlining it), so at most about 2M instructions and 4 ms on
 // the camera's CPU: three streams drawing at once stay inside one frame.
 constexpr uint32_t kDefaultWorkBound = 7 * 64 * 64;
+
+// Frames at most between two attempts at a copy that keeps failing.
+constexpr uint16_t kLongestRetryDelay = 128;
 
 // A slot whose overlay this stream shows through a copy of its own.
 bool needs_copy(const overlay_table_entry& slot, uint32_t height) {
@@ -65,10 +69,15 @@ T* mapped_or_null(T* mapping) {
 
 // The hardware copy of one gathered overlay, drawn for this stream.
 struct Copy {
-  int32_t id = 0;          // the copy of the entry as gathered, once made
-  int32_t previous = 0;    // the copy of the overlay's former record, shown until id is made
-  bool pending = false;    // still to be made
-  bool failed = false;     // the last attempt failed and was logged
+  int32_t id = 0;        // the copy of the entry as gathered, once made
+  int32_t previous = 0;  // the copy of the overlay's former record, shown until id is made
+  bool pending = false;  // still to be made
+  bool failed = false;   // the last attempt failed and was logged
+  // After failures, calls to let pass before the next attempt: none after
+  // the first, then twice as many after each (at most about 4 s), so a copy
+  // that cannot be made does not cost every frame or flood the log.
+  uint16_t wait = 0;
+  uint16_t delay = 0;
   text::RenderPtr render;  // a text copy's renderer, kept with its glyph cache
 
   int32_t shown() const { return id != 0 ? id : previous; }
@@ -242,13 +251,20 @@ bool make_pending_copies(StreamContext& c) {
   for (int i = 0; i < kPositions && !c.budget.spent(); ++i) {
     Copy& copy = c.copies[i];
     if (!copy.pending) continue;
+    if (copy.wait > 0) {
+      --copy.wait;
+      continue;
+    }
     const text::Outcome outcome = make_copy(c, i);
     if (outcome == text::Outcome::kDeferred) break;
     if (outcome == text::Outcome::kFailed) {
       copy.failed = true;
+      copy.delay = copy.delay == 0 ? 1 : std::min<uint16_t>(copy.delay * 2, kLongestRetryDelay);
+      copy.wait = copy.delay - 1;
       continue;
     }
     copy.pending = copy.failed = false;
+    copy.wait = copy.delay = 0;
     if (copy.previous != 0) device::destroy_or_keep(c.fd, copy.previous);
     copy.previous = 0;
     made = true;
