@@ -27,10 +27,12 @@ machine_down() {
   exit 125
 }
 # Fails when qemu has gone or the guest's heartbeat is older than the bound.
+# (/proc, not kill -0: a program in a user namespace of its own may not
+# signal qemu.)
 check_machine() {
   local qemu age
   qemu="$(cat "$spool/qemu.pid" 2> /dev/null)"
-  [[ -n $qemu ]] && kill -0 "$qemu" 2> /dev/null || machine_down "the emulated ARM machine has stopped"
+  [[ -n $qemu && -d /proc/$qemu ]] || machine_down "the emulated ARM machine has stopped"
   age=$(($(date +%s) - $(stat -c %Y "$spool/alive" 2> /dev/null || echo 0)))
   ((age <= silence_bound)) || machine_down "the emulated ARM machine has not answered for $age s"
 }

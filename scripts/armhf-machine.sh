@@ -54,10 +54,14 @@ spool="$run/spool"
 rm -rf "$run"
 mkdir -p "$spool" "$run/initramfs"/{bin,etc,modules}
 
-# Shared directories: 9p tag, path on both sides.
-shares=("tree $root")
-[[ $sysroot == "$root"/* ]] || shares+=("sysroot $sysroot")
-[[ ! -d $fonts ]] || shares+=("fonts $fonts")
+# Shared directories: 9p tag, path on both sides, the guest's cache mode.
+# What the guest runs from is read through its page cache ("loose": nothing
+# there changes while the machine is up, and a program starts in a second
+# instead of several); the spool, written on both sides, is read uncached.
+shares=("tree $root ${ZANTREL_9P_CACHE-loose}")
+[[ $sysroot == "$root"/* ]] || shares+=("sysroot $sysroot loose")
+[[ ! -d $fonts ]] || shares+=("fonts $fonts loose")
+shares+=("spool $spool none")
 
 initramfs="$run/initramfs"
 cp "$kernel/busybox" "$initramfs/bin/busybox"
@@ -96,9 +100,9 @@ hostname armhf
 for module in $modules; do
   insmod /modules/$module.ko || fail "cannot load $module"
 done
-echo "$shares" | while read -r tag path; do
+echo "$shares" | while read -r tag path cache; do
   mkdir -p "$path"
-  mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 "$tag" "$path" ||
+  mount -t 9p -o "trans=virtio,version=9p2000.L,msize=262144,cache=$cache" "$tag" "$path" ||
     fail "cannot mount $tag at $path"
 done
 [ -d "$spool" ] || fail "no spool at $spool"
@@ -116,14 +120,18 @@ while [ ! -e "$spool/poweroff" ]; do
     [ -e "$job" ] || break
     id=${job%.job}
     mv "$job" "$id.run" || continue
-    setsid sh -c 'sh "$1.run" >> "$1.out" 2>> "$1.err" < /dev/null
-      echo $? > "$1.rc.new" && mv "$1.rc.new" "$1.rc"' job "$id" &
-    echo $! > "/run/jobs/${id##*/}"
+    # Not "&": the shell would start it with SIGINT and SIGQUIT ignored.
+    start-stop-daemon -S -b -m -p "/run/jobs/${id##*/}" -x /bin/sh -- -c \
+      'sh "$1.run" >> "$1.out" 2>> "$1.err" < /dev/null
+       echo $? > "$1.rc.new" && mv "$1.rc.new" "$1.rc"' job "$id"
   done
   for request in "$spool"/*.kill; do
     [ -e "$request" ] || break
     id=${request%.kill}
-    kill -KILL -"$(cat "/run/jobs/${id##*/}")"
+    # The job's process group (start-stop-daemon forks twice: it is not the
+    # job's own pid).
+    group="$(sed 's/.*) //' "/proc/$(cat "/run/jobs/${id##*/}")/stat" | cut -d ' ' -f 3)"
+    [ -z "$group" ] || kill -KILL -"$group"
     rm -f "$request"
   done
   beat=$((beat + 1))
@@ -143,7 +151,7 @@ machine=(
   -nographic -no-reboot -nic none
 )
 for share in "${shares[@]}"; do
-  read -r tag path <<< "$share"
+  read -r tag path _ <<< "$share"
   machine+=(-fsdev "local,id=$tag,path=$path,security_model=none"
     -device "virtio-9p-device,fsdev=$tag,mount_tag=$tag")
 done
