@@ -172,10 +172,9 @@ TEST_F(VcamRun, ScalableImageIsScaledForEachStream) {
 
 // The clock is simulated and the scene changes at a fixed frame, so another
 // run draws the same pictures byte for byte: in the workstation build a run
-// of its own; in the cross build for the camera, the workstation build's
-// default run (made beforehand on the workstation by the vcam_workstation_run
-// test), where a word-size or byte-order fault in a record, a pixel
-// conversion or the renderer shows as a difference.
+// of its own; in the cross build, the workstation build's default run (the
+// vcam_workstation_run test makes it), where a word-size or byte-order fault
+// in a record, a pixel conversion or the renderer shows as a difference.
 void expect_same_pictures(const std::string& dir, const std::string& peer, size_t pictures) {
   size_t compared = 0;
   for (const auto& entry : std::filesystem::directory_iterator(peer)) {
@@ -225,10 +224,8 @@ TEST(VcamSoak, ProcessesStayFlat) {
     const auto grew = [&](int i) { return std::stol((*m)[i + 3]) - std::stol((*m)[i]); };
     EXPECT_EQ(grew(3), 0) << (*m)[0];
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // The sanitizers' allocators keep freed memory for a while. On the ARM
-    // kernel the encoder's resident memory rises once by about 600 kB with
-    // the second change of scene (between 12 s and 20 s) and then stays flat
-    // (measured to two minutes), so the resident bound is 1 MiB.
+    // The sanitizers' allocators keep freed memory for a while. On the ARM kernel the
+    // encoder's resident memory rises once by ~600 kB (12 s to 20 s), then stays flat.
     EXPECT_LE(grew(1), 512) << (*m)[0];
     EXPECT_LE(grew(2), 1024) << (*m)[0];
 #endif
