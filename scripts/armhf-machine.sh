@@ -147,7 +147,7 @@ chmod +x "$initramfs/init"
 machine=(
   qemu-system-arm -M virt,highmem=off -cpu cortex-a15 -smp 2 -m 1024
   -kernel "$kernel/vmlinuz" -initrd "$run/initrd.cpio"
-  -append "console=ttyAMA0 rdinit=/init quiet panic=-1"
+  -append "console=ttyAMA0 rdinit=/init panic=-1"
   -nographic -no-reboot -nic none
 )
 for share in "${shares[@]}"; do
@@ -160,10 +160,13 @@ console="$run/console.log"
 "${machine[@]}" > "$console" 2>&1 < /dev/null &
 qemu=$!
 echo "$qemu" > "$spool/qemu.pid"
+# Asks the guest to power off (when it took jobs, it may write still), and
+# ends qemu when it has not within 10 s.
 stop() {
   if kill -0 "$qemu" 2> /dev/null; then
     : > "$spool/poweroff"
     for _ in $(seq 50); do
+      [[ -s $spool/ready ]] || break
       kill -0 "$qemu" 2> /dev/null || break
       sleep 0.2
     done
