@@ -20,10 +20,10 @@ if (($# < 1)); then
   echo "usage: armhf-machine-run.sh PROGRAM [ARGS...]" >&2
   exit 2
 fi
-program=$1
+program=$1 fate="not run"
 
 machine_down() {
-  echo "armhf-machine: $* (its console: ${spool%/spool}/console.log); $program not run" >&2
+  echo "armhf-machine: $* (its console: ${spool%/spool}/console.log); $program $fate" >&2
   exit 125
 }
 # Fails when qemu has gone or the guest's heartbeat is older than the bound.
@@ -60,6 +60,7 @@ exec {out}< "$id.out" {err}< "$id.err"
   printf '\n'
 } > "$id.new"
 mv "$id.new" "$id.job"
+fate="did not finish"
 
 # Killed outright (SIGKILL on a test's timeout), this script cannot ask the
 # guest to stop the program: a watcher in a session of its own (out of reach
