@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
 # Runs a program built for armhf on this machine: armhf-run.sh SYSROOT PROGRAM
-# [ARGS...]. qemu-arm runs it with the sysroot's libraries (QEMU_LD_PREFIX,
-# inherited by everything it starts), and the ARM programs it starts in turn
-# (camsim-run, the tools, zantrel-vcam) run under qemu-arm too, through the
-# kernel's binfmt_misc:
+# [ARGS...]. While scripts/armhf-machine.sh has an emulated ARM machine up
+# (ZANTREL_ARMHF_MACHINE set), the program runs there, on an ARM kernel,
+# through armhf-machine-run.sh beside this file. Otherwise it runs here under
+# user-mode emulation, quicker to start but without a kernel of its own (no
+# robust futex lists, for one): qemu-arm runs it with the sysroot's libraries
+# (QEMU_LD_PREFIX, inherited by everything it starts), and the ARM programs it
+# starts in turn (camsim-run, the tools, zantrel-vcam) run under qemu-arm too,
+# through the kernel's binfmt_misc:
 # - when the machine has qemu-arm registered already, that registration;
 # - otherwise a private one: a user and mount namespace with its own
 #   binfmt_misc instance (Linux 6.7 or later), which the machine never sees.
@@ -14,6 +18,9 @@ if (($# < 2)); then
 fi
 sysroot=$1
 shift
+if [[ -n ${ZANTREL_ARMHF_MACHINE-} ]]; then
+  exec "$(dirname "$0")/armhf-machine-run.sh" "$@"
+fi
 qemu="$(command -v qemu-arm-static || command -v qemu-arm || true)"
 if [[ -z $qemu ]]; then
   echo "armhf-run: qemu-arm-static is missing (scripts/setup.sh installs it)" >&2

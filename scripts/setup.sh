@@ -22,6 +22,9 @@ packages=(
   # The camera's architecture: cross compilers for armhf, qemu-arm to run
   # its programs, and what scripts/armhf-sysroot.sh downloads and unpacks with
   g++-arm-linux-gnueabihf qemu-user-static util-linux apt dpkg
+  # The emulated ARM machine the armhf suite runs in (scripts/armhf-guest.sh):
+  # the machine itself, and cpio for its initramfs
+  qemu-system-arm cpio
 )
 
 missing=()

@@ -18,7 +18,9 @@ while (($# > 0)) && [[ $1 != -- ]]; do
 done
 shift || true
 
-stage="$(mktemp -d)"
+# Under the build directory, which an emulated machine running the program
+# shares with this one.
+stage="$(mktemp -d -p "$build" staged-install.XXXXXX)"
 trap 'rm -rf "$stage"' EXIT
 fail() {
   echo "check_install: $*" >&2

@@ -172,26 +172,38 @@ TEST_F(VcamRun, ScalableImageIsScaledForEachStream) {
 
 // The clock is simulated and the scene changes at a fixed frame, so another
 // run draws the same pictures byte for byte: in the workstation build a run
-// of its own; in the cross build for the camera, the workstation build's,
-// where a word-size or byte-order fault in a record, a pixel conversion or
-// the renderer shows as a difference.
-TEST_F(VcamRun, PeerBuildDrawsTheSamePictures) {
-  if (!std::filesystem::exists(ZANTREL_PEER_VCAM)) {
-    GTEST_SKIP() << "no workstation build to compare with at " ZANTREL_PEER_VCAM
-                    " (cmake --build --preset dev first)";
-  }
-  const std::string peer = vcam_test::temp_dir();
-  vcam_test::VcamProcess vcam({"--seconds", std::to_string(kSeconds), "--out", peer},
-                              peer + "/stdout.txt", ZANTREL_PEER_VCAM);
-  ASSERT_EQ(vcam.wait(), 0) << vcam.stderr_text();
-  // EndsCleanlyWithEveryCapture counts them.
-  for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
+// of its own; in the cross build, the workstation build's default run (the
+// vcam_workstation_run test makes it), where a word-size or byte-order fault
+// in a record, a pixel conversion or the renderer shows as a difference.
+void expect_same_pictures(const std::string& dir, const std::string& peer, size_t pictures) {
+  size_t compared = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(peer)) {
     const std::string name = entry.path().filename().string();
-    EXPECT_TRUE(!name.ends_with(".png") ||
-                vcam_test::read_text(entry.path()) == vcam_test::read_text(peer + "/" + name))
+    if (!name.ends_with(".png")) continue;
+    ++compared;
+    EXPECT_TRUE(vcam_test::read_text(entry.path()) == vcam_test::read_text(dir + "/" + name))
         << name << " differs";
   }
+  EXPECT_EQ(compared, pictures) << "pictures of " << peer;
 }
+
+#ifdef ZANTREL_PEER_PICTURES
+TEST(VcamDefaultRun, DrawsTheWorkstationBuildsPictures) {
+  const std::string dir = vcam_test::temp_dir();
+  vcam_test::VcamProcess vcam({"--out", dir}, dir + "/stdout.txt");
+  ASSERT_EQ(vcam.wait(), 0) << vcam.stderr_text();
+  // Four captures of three streams and the contact sheet.
+  expect_same_pictures(dir, ZANTREL_PEER_PICTURES, 13);
+}
+#else
+TEST_F(VcamRun, PeerBuildDrawsTheSamePictures) {
+  const std::string peer = vcam_test::temp_dir();
+  vcam_test::VcamProcess vcam({"--seconds", std::to_string(kSeconds), "--out", peer},
+                              peer + "/stdout.txt");
+  ASSERT_EQ(vcam.wait(), 0) << vcam.stderr_text();
+  expect_same_pictures(dir_, peer, 10);  // three captures of three streams, the sheet
+}
+#endif
 
 // A short soak: the scene changes every 4 seconds (8 times, so it ends with
 // the scene it began with), and from its first return (8 s) to the last frame
@@ -212,9 +224,10 @@ TEST(VcamSoak, ProcessesStayFlat) {
     const auto grew = [&](int i) { return std::stol((*m)[i + 3]) - std::stol((*m)[i]); };
     EXPECT_EQ(grew(3), 0) << (*m)[0];
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // The sanitizers' allocators keep freed memory for a while.
+    // The sanitizers' allocators keep freed memory for a while. On the ARM kernel the
+    // encoder's resident memory rises once by ~600 kB (12 s to 20 s), then stays flat.
     EXPECT_LE(grew(1), 512) << (*m)[0];
-    EXPECT_LE(grew(2), 512) << (*m)[0];
+    EXPECT_LE(grew(2), 1024) << (*m)[0];
 #endif
   }
   EXPECT_EQ(processes, 3) << out;
