@@ -341,12 +341,12 @@ TEST_P(StreamCopies, DrawnForTheStreamAndKeptWhileItsEntryIsUnchanged) {
   EXPECT_EQ(camsim_live_count(), live + (c.copied ? 1 : 0));
   if (!c.copied) return;
   // As the text draws for this stream: a legacy band spans it, a scaled text
-  // is smaller.
+  // is smaller or larger in proportion to the stream's height.
   overlay_text t = entry(text).description.text;
   free(overlay_text_render(ctx, &t, nullptr, OVERLAY_FORMAT_PALETTE_4BIT));
   EXPECT_EQ(record_of(shown).width, c.legacy != 0 ? c.width : t.overlay.width);
   EXPECT_EQ(record_of(shown).height, t.overlay.height);
-  EXPECT_TRUE(c.legacy != 0 || t.overlay.height < record_of(table_id).height);
+  EXPECT_TRUE(c.legacy != 0 || (t.overlay.height < record_of(table_id).height) == (c.height < 1080));
   kept_then_gone(ctx, request, table_id);
 }
 
@@ -356,6 +356,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, StreamCopies,
                              {"LegacyOn1080", 1, 0, 1920, 1080, true},
                              {"ScalableOn720", 0, 1, 1280, 720, true},
                              {"ScalableOn1080", 0, 1, 1920, 1080, false},
+                             {"ScalableOn2160", 0, 1, 3840, 2160, true},
                              {"FixedOn720", 0, 0, 1280, 720, false}}),
                          kRowName);
 
@@ -482,7 +483,8 @@ TEST_F(EncodeRequest, WorkBoundSpreadsDrawingOverFramesNeverShowingHalfACopy) {
   EXPECT_TRUE(alive(kernel_id(clock)));
 }
 
-// A ticker goes on from where it is through changes that do not touch it.
+// A ticker moves and is refreshed every frame, and goes on from where it is
+// through changes that do not touch it.
 TEST_F(EncodeRequest, TickerKeepsItsPlaceThroughOtherChanges) {
   overlay_text t{};
   std::snprintf(t.text, sizeof t.text, "Doors close at 18:00");
@@ -493,7 +495,15 @@ TEST_F(EncodeRequest, TickerKeepsItsPlaceThroughOtherChanges) {
   const int ticker = on_stream(overlay_text_create(&t));
   overlay_stream_context* ctx = context();
   overlay_encreq request{};
-  for (int frame = 0; frame < 5; ++frame) setup(ctx, request);
+  for (int frame = 0; frame < 5; ++frame) setup(ctx, request);  // drawn within its work bound
+  // Every frame moves it, and asks the driver for a refresh that shows it.
+  for (int frame = 0; frame < 4; ++frame) {
+    const uint32_t x = record_of(request.overlay_ids[0]).x;
+    const long refreshes = camsim_refresh_count();
+    setup(ctx, request);
+    EXPECT_GT(record_of(request.overlay_ids[0]).x, x) << frame;
+    EXPECT_EQ(camsim_refresh_count() - refreshes, 1) << frame;
+  }
   const uint32_t before = record_of(request.overlay_ids[0]).x;
   on_stream(make('P', 1));
   setup(ctx, request);

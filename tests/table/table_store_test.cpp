@@ -82,6 +82,16 @@ void add_to_new_stream(overlay_table* t) {
 }
 void source_without_b(overlay_table* t) { EXPECT_EQ(handles_of(t->source_handles), set_of({kA})); }
 void hole_kept(overlay_table* t) { EXPECT_EQ(handles_of(t->source_handles), set_of({-1, kB})); }
+// The source set [-, A, B] with B destroyed half way: B goes, the hole stays.
+void hole_and_zeroed(overlay_table* t) {
+  t->source_handles[2] = kB - 1;
+  t->source_handles[1] = kA - 1;
+  t->source_handles[0] = -1;
+  zeroed_not_removed(t);
+}
+void hole_kept_without_b(overlay_table* t) {
+  EXPECT_EQ(handles_of(t->source_handles), set_of({-1, kA}));
+}
 
 // A new stream table unsized, or 16 zero bytes (inactive, handle 1 eight
 // times), as its creator left it. A hole in the source set is sound, stays.
@@ -94,6 +104,7 @@ const Damage kDamages[] = {
      destroy_after},
     {"StreamTableUnsized", new_stream_file<5, 0>, kAll, add_to_new_stream<5, kB>},
     {"StreamTableUnfilled", new_stream_file<6, 16>, kAll, add_to_new_stream<6, kC>},
+    {"HoleAndDestroyZeroed", hole_and_zeroed, {kA, kC}, hole_kept_without_b},
     {"NoDamage", [](overlay_table* t) { t->source_handles[0] = -1; }, kAll, hole_kept},
 };
 
