@@ -346,7 +346,8 @@ TEST_P(StreamCopies, DrawnForTheStreamAndKeptWhileItsEntryIsUnchanged) {
   free(overlay_text_render(ctx, &t, nullptr, OVERLAY_FORMAT_PALETTE_4BIT));
   EXPECT_EQ(record_of(shown).width, c.legacy != 0 ? c.width : t.overlay.width);
   EXPECT_EQ(record_of(shown).height, t.overlay.height);
-  EXPECT_TRUE(c.legacy != 0 || (t.overlay.height < record_of(table_id).height) == (c.height < 1080));
+  EXPECT_TRUE(c.legacy != 0 ||
+              (t.overlay.height < record_of(table_id).height) == (c.height < 1080));
   kept_then_gone(ctx, request, table_id);
 }
 

@@ -115,8 +115,8 @@ TEST_F(TableTest, VersionCountsOnlyChangesTheEncoderReads) {
       {"gathering", [&] { return gather(nullptr)[0]; }, in_global, 0},
       {"remove global", [&] { return overlay_table_remove_overlay_globally(t, a); }, 0, 1},
       {"destroy, in a stream only", [&] { return overlay_table_destroy_overlay(t, a); }, 0, 0},
-      {"destroy, in the global set", [&] { return overlay_table_destroy_overlay(t, in_global); },
-       0, 1},
+      {"destroy, in the global set", [&] { return overlay_table_destroy_overlay(t, in_global); }, 0,
+       1},
       {"destroy, in a channel", [&] { return overlay_table_destroy_overlay(t, in_channel); }, 0, 1},
       {"destroy, in no set", [&] { return overlay_table_destroy_overlay(t, 5); }, 0, 0},
   };
