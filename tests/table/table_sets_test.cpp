@@ -140,6 +140,10 @@ TEST_F(TableTest, StreamTablesAreMadeOnFirstUseAndForeignOnesRefused) {
   ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, b, 2), 0);
   EXPECT_EQ(stream->version, 2u);
   EXPECT_EQ(handles_of(stream->handles), set_of({b, a}));
+  EXPECT_EQ(table_->entries[b - 1].stream_count, 1u);
+  ASSERT_EQ(overlay_table_remove_overlay_from_stream(table_, b, 2), 0);
+  EXPECT_EQ(table_->entries[b - 1].stream_count, 0u) << "counted out of the stream";
+  ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, b, 2), 0);
   overlay_table_unmap_stream(stream);
   EXPECT_EQ(overlay_table_remove_overlay_from_stream(table_, a, 9), -1);
   EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: Could not map the stream overlay table.\n"));

@@ -158,25 +158,5 @@ INSTANTIATE_TEST_SUITE_P(HalfDoneOperations, OwnerDeath,
                                   (std::get<1>(info.param) ? "_Killed" : "_Exited");
                          });
 
-// zantrelctl check as a field engineer runs it: finds, mends, then finds none.
-TEST_F(TableTest, CheckToolReportsMendsAndRefusesBadUsage) {
-  for (int h : {make(5), make(3)}) ASSERT_EQ(overlay_table_add_overlay_globally(table_, h), 0);
-  table_->global_handles[2] = table_->global_handles[1];  // a removal's doubled member
-  overlay_table_unlock(table_);
-  const std::tuple<const char*, int, const char*> runs[] = {
-      {"--json", 1, "\"kind\": \"duplicate_member\""},
-      {"--repair", 1, "global set, place 3: lists overlay 2 a second time"},
-      {"", 0, "The overlay tables are sound."},
-      {"--json --fix", 2, "unknown argument '--fix'"},
-  };
-  for (const auto& [args, status, says] : runs) {
-    FILE* out = popen((std::string(ZANTRELCTL) + " check " + args + " 2>&1").c_str(), "r");
-    std::string text(4096, '\0');
-    text.resize(fread(text.data(), 1, text.size(), out));
-    EXPECT_EQ(WEXITSTATUS(pclose(out)), status) << args;
-    EXPECT_NE(text.find(says), std::string::npos) << args << ": " << text;
-  }
-}
-
 }  // namespace
 }  // namespace zantrel::test
