@@ -56,7 +56,7 @@ fi
 # The names of the tests that failed, from ctest's summary: the first three.
 failed_tests() {
   sed -nE 's/^[[:space:]]*[0-9]+ - ([^ ]+).* \([A-Za-z ]+\)$/\1/p' "$1" |
-    awk 'NR <= 3 { printf "%s%s", NR > 1 ? " " : "", $0 } END { if (NR > 3) printf " and %d more", NR - 3 }'
+    awk 'NR <= 3 { printf "%s%s", (NR > 1 ? " " : ""), $0 } END { if (NR > 3) printf " and %d more", NR - 3 }'
 }
 
 # Replaces the one occurrence of $2 in file $1 by $3; status 3 when the text

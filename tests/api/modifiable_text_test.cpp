@@ -116,6 +116,20 @@ TEST_F(ModifiableText, FailedFrameKeepsTheOverlayAndIsDrawnAgain) {
   EXPECT_EQ(camsim_live_count(), 0) << "the context owned its overlay";
 }
 
+// A running clock draws into the overlay's three buffers in turn, each
+// mapped once and then kept.
+TEST_F(ModifiableText, BuffersAreMappedOnceAndKept) {
+  ASSERT_GT(frame(), 0u);
+  ASSERT_EQ(camsim_fail_call(CAMSIM_CALL_MMAP, 0, 0), 0);
+  for (int second = 57; second < 63; ++second) {
+    std::snprintf(t_.text, sizeof t_.text, "12:3%d:%02d", 4 + second / 60, second % 60);
+    ASSERT_GT(frame(), 0u) << t_.text;
+  }
+  const long mapped = camsim_counted_calls(nullptr);
+  camsim_fail_call(0, 0, 0);
+  EXPECT_EQ(mapped, 2) << "the two buffers the first frame did not draw into";
+}
+
 TEST_F(ModifiableText, Scrolling) {
   const struct {
     float x;
