@@ -36,6 +36,17 @@ TEST(Ovlconv, RoundTripKeepsPixelsAndNudgesKeyLuma) {
   }
 }
 
+// The two pixels of a packed pair share the mean of their chroma, whatever
+// their order: red and blue give the same (Cr, Cb) as blue and red.
+TEST(Ovlconv, PairsShareTheMeanChroma) {
+  write_png(dir() + "/pair.png", 2, 2, {0xFFFF0000, 0xFF0000FF, 0xFF0000FF, 0xFFFF0000});
+  ASSERT_EQ(ovlconv({"to-ovl", "--packed", dir() + "/pair.png", dir() + "/pair.ovl"}), 0);
+  const Bytes ovl = read_file(dir() + "/pair.ovl");
+  ASSERT_EQ(ovl.size(), 78U + 8);  // each row: Cr, Y, Cb, Y
+  EXPECT_EQ(std::pair(ovl[78], ovl[80]), std::pair(ovl[82], ovl[84]));
+  EXPECT_NE(std::pair(ovl[78], ovl[80]), std::pair(uint8_t{128}, uint8_t{128}));
+}
+
 TEST(Ovlconv, BadInputFailsWithOneLineAndNoOutput) {
   const std::string in = dir() + "/errors";
   mkdir(in.c_str(), 0700);
