@@ -82,12 +82,14 @@ int on_stream(int handle, unsigned stream = 0) {
   EXPECT_EQ(overlay_add_to_stream(handle, 0, stream), 0);
   return handle;
 }
-int add_text(const char* text, int32_t priority, uint32_t legacy = 0, int32_t scalable = 0) {
+int add_text(const char* text, int32_t priority, uint32_t legacy = 0, int32_t scalable = 0,
+             bool at_bottom = false) {
   overlay_text t{};
   std::snprintf(t.text, sizeof t.text, "%s", text);
   t.overlay.priority = priority;
   t.overlay.legacy = legacy;
-  t.overlay.position = {0, 0, 1, 1, 0};
+  t.overlay.position = at_bottom ? overlay_position{0, 1, 1, 1, OVERLAY_COORDS_NORMALIZED}
+                                 : overlay_position{0, 0, 1, 1, 0};
   t.scalable = scalable;
   t.font_size = 48;
   t.text_color = OVERLAY_COLOR_WHITE;
@@ -314,12 +316,13 @@ struct CopyCase {
   int32_t scalable;
   uint32_t width, height;
   bool copied;
+  bool at_bottom = false;  // at the frame's bottom edge, where a band has 8 rows more
 };
 class StreamCopies : public EncodeRequest, public testing::WithParamInterface<CopyCase> {};
 
 TEST_P(StreamCopies, DrawnForTheStreamAndKeptWhileItsEntryIsUnchanged) {
   const CopyCase& c = GetParam();
-  const int text = on_stream(add_text("Gate 4", 20, c.legacy, c.scalable));
+  const int text = on_stream(add_text("Gate 4", 20, c.legacy, c.scalable, c.at_bottom));
   const int other = on_stream(make('P', 10));
   const uint32_t table_id = kernel_id(text);
   const int live = camsim_live_count();
@@ -341,12 +344,13 @@ TEST_P(StreamCopies, DrawnForTheStreamAndKeptWhileItsEntryIsUnchanged) {
   EXPECT_EQ(camsim_live_count(), live + (c.copied ? 1 : 0));
   if (!c.copied) return;
   // As the text draws for this stream: a legacy band spans it, a scaled text
-  // is smaller.
+  // is smaller or larger in proportion to the stream's height.
   overlay_text t = entry(text).description.text;
   free(overlay_text_render(ctx, &t, nullptr, OVERLAY_FORMAT_PALETTE_4BIT));
   EXPECT_EQ(record_of(shown).width, c.legacy != 0 ? c.width : t.overlay.width);
-  EXPECT_EQ(record_of(shown).height, t.overlay.height);
-  EXPECT_TRUE(c.legacy != 0 || t.overlay.height < record_of(table_id).height);
+  EXPECT_EQ(record_of(shown).height, t.overlay.height + (c.at_bottom ? 8 : 0));
+  EXPECT_TRUE(c.legacy != 0 ||
+              (t.overlay.height < record_of(table_id).height) == (c.height < 1080));
   kept_then_gone(ctx, request, table_id);
 }
 
@@ -354,8 +358,10 @@ INSTANTIATE_TEST_SUITE_P(Texts, StreamCopies,
                          testing::ValuesIn(std::vector<CopyCase>{
                              {"LegacyOn720", 1, 0, 1280, 720, true},
                              {"LegacyOn1080", 1, 0, 1920, 1080, true},
+                             {"LegacyAtTheBottomOn720", 1, 0, 1280, 720, true, true},
                              {"ScalableOn720", 0, 1, 1280, 720, true},
                              {"ScalableOn1080", 0, 1, 1920, 1080, false},
+                             {"ScalableOn2160", 0, 1, 3840, 2160, true},
                              {"FixedOn720", 0, 0, 1280, 720, false}}),
                          kRowName);
 
@@ -482,7 +488,8 @@ TEST_F(EncodeRequest, WorkBoundSpreadsDrawingOverFramesNeverShowingHalfACopy) {
   EXPECT_TRUE(alive(kernel_id(clock)));
 }
 
-// A ticker goes on from where it is through changes that do not touch it.
+// A ticker moves and is refreshed every frame, and goes on from where it is
+// through changes that do not touch it.
 TEST_F(EncodeRequest, TickerKeepsItsPlaceThroughOtherChanges) {
   overlay_text t{};
   std::snprintf(t.text, sizeof t.text, "Doors close at 18:00");
@@ -493,7 +500,15 @@ TEST_F(EncodeRequest, TickerKeepsItsPlaceThroughOtherChanges) {
   const int ticker = on_stream(overlay_text_create(&t));
   overlay_stream_context* ctx = context();
   overlay_encreq request{};
-  for (int frame = 0; frame < 5; ++frame) setup(ctx, request);
+  for (int frame = 0; frame < 5; ++frame) setup(ctx, request);  // drawn within its work bound
+  // Every frame moves it, and asks the driver for a refresh that shows it.
+  for (int frame = 0; frame < 4; ++frame) {
+    const uint32_t x = record_of(request.overlay_ids[0]).x;
+    const long refreshes = camsim_refresh_count();
+    setup(ctx, request);
+    EXPECT_GT(record_of(request.overlay_ids[0]).x, x) << frame;
+    EXPECT_EQ(camsim_refresh_count() - refreshes, 1) << frame;
+  }
   const uint32_t before = record_of(request.overlay_ids[0]).x;
   on_stream(make('P', 1));
   setup(ctx, request);

@@ -75,8 +75,9 @@ TEST_F(ModifiableText, DrawnAgainOnlyWhenItWouldLookDifferent) {
     EXPECT_GT(frame(), 0u);
     EXPECT_EQ(camsim_call_count(CAMSIM_SUBMIT_BUFFER) - submits, c.redrawn ? 1 : 0) << c.name;
   }
-  // A clock is drawn once at every size a text may have, on the camera's
-  // stream sizes, scalable or not.
+  // A text is drawn once at every size it may have, on the camera's stream
+  // sizes, scalable or not; one glyph is enough to see a redraw.
+  std::snprintf(t_.text, sizeof t_.text, "1");
   for (uint32_t height : {1080u, 720u, 360u, 240u}) {
     overlay_stream_context* stream =
         overlay_stream_context_create(o_get_fd(), 0, 1, 0, height * 16 / 9, height, 7);
@@ -113,6 +114,20 @@ TEST_F(ModifiableText, FailedFrameKeepsTheOverlayAndIsDrawnAgain) {
 
   g_hash_table_remove_all(stream_->text_contexts);
   EXPECT_EQ(camsim_live_count(), 0) << "the context owned its overlay";
+}
+
+// A running clock draws into the overlay's three buffers in turn, each
+// mapped once and then kept.
+TEST_F(ModifiableText, BuffersAreMappedOnceAndKept) {
+  ASSERT_GT(frame(), 0u);
+  ASSERT_EQ(camsim_fail_call(CAMSIM_CALL_MMAP, 0, 0), 0);
+  for (int second = 57; second < 63; ++second) {
+    std::snprintf(t_.text, sizeof t_.text, "12:3%d:%02d", 4 + second / 60, second % 60);
+    ASSERT_GT(frame(), 0u) << t_.text;
+  }
+  const long mapped = camsim_counted_calls(nullptr);
+  camsim_fail_call(0, 0, 0);
+  EXPECT_EQ(mapped, 2) << "the two buffers the first frame did not draw into";
 }
 
 TEST_F(ModifiableText, Scrolling) {

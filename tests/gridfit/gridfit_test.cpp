@@ -150,6 +150,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Conversion{"rgb24_tiny", kRgb24, false, 1, 1, 1},
                     Conversion{"v5alpha_720", kV5Alpha, true, 720, 67, 41},
                     Conversion{"v5alpha_2160", kV5Alpha, true, 2160, 202, 122},
+                    // The 56-byte header is the first to carry an alpha mask.
+                    Conversion{"v3alpha_720", {32, true, 56, 3, 0xFF000000}, true, 720, 67, 41},
                     // Without an alpha mask the 4th byte is padding: opaque.
                     Conversion{"rgb32_plain", {32, false, 40, 0, 0}, false, 720, 67, 41},
                     Conversion{"bitfields_after_header", {32, true, 40, 3, 0}, false, 360, 34, 20}),

@@ -71,9 +71,26 @@ sized_buffer render(render_text_context* context, const char* text, int size,
                                       OVERLAY_COLOR_WHITE, OVERLAY_COLOR_BLACK, background, size);
 }
 
+// Each format packs its pixels into 32-bit words in its own way: a red
+// background is palette entry 2 in every nibble or byte, or the colour itself.
 TEST(Render, ContextFormats) {
-  for (overlay_format format : {3u, 7u, 9u}) {
-    EXPECT_EQ(Context(render_text_init(format))->last_width, -1);
+  const struct {
+    overlay_format format;
+    uint32_t pixels_per_word, red_word;
+  } formats[] = {{OVERLAY_FORMAT_PALETTE_4BIT, 8, 0x22222222},
+                 {OVERLAY_FORMAT_ARGB32, 1, 0xFFFF0000},
+                 {OVERLAY_FORMAT_PALETTE_8BIT, 4, 0x02020202}};
+  for (const auto& f : formats) {
+    SCOPED_TRACE(f.format);
+    Context context(render_text_init(f.format));
+    ASSERT_NE(context, nullptr);
+    EXPECT_EQ(std::tuple(context->format, context->last_width), std::tuple(f.format, -1));
+    Buffer b(render(context.get(), "Gate 4", 24, OVERLAY_COLOR_RED));
+    ASSERT_NE(b.data, nullptr);
+    EXPECT_EQ(b.stride * f.pixels_per_word, b.width);
+    EXPECT_EQ(sized_buffer_datalen(&b), b.stride * b.rows * 4);
+    EXPECT_EQ(b.words().front(), f.red_word) << "the top left corner is background";
+    EXPECT_EQ(b.words().back(), f.red_word) << "the bottom right corner is background";
   }
   for (overlay_format format : {4u, 8u}) {
     EXPECT_EQ(render_text_init(format), nullptr);
@@ -99,7 +116,7 @@ TEST(Render, SplitIntoLines) {
   EXPECT_EQ(count, -1);
 }
 
-// For every size a camera offers: geometry follows the font, the glyphs are
+// For sizes a camera offers: geometry follows the font, the glyphs are
 // filled in the text colour with the outline outside them, and the rows below
 // the glyphs stay background.
 TEST(Render, GeometryAndPixelsAcrossSizes) {
@@ -110,13 +127,17 @@ TEST(Render, GeometryAndPixelsAcrossSizes) {
   EXPECT_EQ(empty.width, 16u);
   EXPECT_EQ(empty.rows, context->line_height + 4 + (context->line_height + 4) % 2);
   EXPECT_EQ(empty.words(), std::vector<uint32_t>(empty.stride * empty.rows, 0x22222222));
-  for (int size = 16; size <= 200; size += 8) {
+  // The font's em is 0.7 of the size, truncated; the outline's pad 3% of it,
+  // rounded up.
+  const struct {
+    int size;
+    uint32_t em, pad;
+  } sizes[] = {{16, 11, 1}, {24, 16, 1}, {40, 28, 1}, {64, 44, 2}, {100, 70, 3}, {200, 140, 5}};
+  for (const auto& [size, em, pad] : sizes) {
     SCOPED_TRACE(size);
     context->last_width = -1;
     Buffer b(render(context.get(), "HIH\nI", size));
     ASSERT_NE(b.data, nullptr);
-    const auto em = static_cast<uint32_t>(size * 0.7);
-    const auto pad = static_cast<uint32_t>(std::ceil(em * 0.03));
     EXPECT_EQ(context->size, em);
     EXPECT_EQ(b.width % 16, 0u);
     EXPECT_EQ(b.stride, b.width / 8);

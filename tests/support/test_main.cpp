@@ -42,6 +42,20 @@ std::vector<std::string> table_files() {
   return paths;
 }
 
+std::string command_output(const std::string& command, int* status) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) {
+    *status = -1;
+    return output;
+  }
+  char buffer[4096];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+  const int result = pclose(pipe);
+  *status = WIFEXITED(result) ? WEXITSTATUS(result) : -1;
+  return output;
+}
+
 pid_t spawn_child(const std::function<int()>& body) {
   std::fflush(nullptr);
   pid_t pid = fork();

@@ -34,6 +34,10 @@ int wait_child(pid_t pid);
 // spawn_child and wait_child in one.
 int run_in_child(const std::function<int()>& body);
 
+// What a shell command printed on its standard output, and its exit status
+// (0 to 255, or -1 when it did not exit).
+std::string command_output(const std::string& command, int* status);
+
 // Empty when the kernel tells a robust mutex's next locker that its holder
 // died, as the camera's does; otherwise why it cannot (qemu-user keeps no
 // robust futex list, so a dead holder's lock is never released).

@@ -92,12 +92,14 @@ TEST_F(TableTest, DestroyLeavesEverySetAndFreesTheLowestHandle) {
 }
 
 TEST_F(TableTest, VersionCountsOnlyChangesTheEncoderReads) {
-  int a = make(3), b = make(2);
+  int a = make(3), b = make(2), in_global = make(5), in_channel = make(6);
+  ASSERT_EQ(overlay_table_add_overlay_globally(table_, in_global), 0);
+  ASSERT_EQ(overlay_table_add_overlay_to_channel(table_, in_channel, 15), 0);
   overlay_entry_data data = entry_data(4), bad_type = entry_data(0, 6);
   overlay_palette_color color{1, 2, 3, 4, 0};
   overlay_table* t = table_;
   const std::tuple<const char*, std::function<int()>, int, uint32_t> steps[] = {
-      {"create", [&] { return make(1); }, 3, 1},
+      {"create", [&] { return make(1); }, 5, 1},
       {"create, bad type", [&] { return overlay_table_create_overlay(t, &bad_type); }, -2, 0},
       {"update", [&] { return overlay_table_update_overlay(t, a, &data, nullptr); }, 0, 1},
       {"add global", [&] { return overlay_table_add_overlay_globally(t, a); }, 0, 1},
@@ -110,9 +112,13 @@ TEST_F(TableTest, VersionCountsOnlyChangesTheEncoderReads) {
       {"new stream", [&] { return overlay_table_add_overlay_to_stream(t, a, 1); }, 0, 1},
       {"active stream", [&] { return overlay_table_add_overlay_to_stream(t, b, 1); }, 0, 0},
       {"stream removal", [&] { return overlay_table_remove_overlay_from_stream(t, b, 1); }, 0, 0},
-      {"gathering", [&] { return gather(nullptr)[0]; }, a, 0},
+      {"gathering", [&] { return gather(nullptr)[0]; }, in_global, 0},
       {"remove global", [&] { return overlay_table_remove_overlay_globally(t, a); }, 0, 1},
       {"destroy, in a stream only", [&] { return overlay_table_destroy_overlay(t, a); }, 0, 0},
+      {"destroy, in the global set", [&] { return overlay_table_destroy_overlay(t, in_global); }, 0,
+       1},
+      {"destroy, in a channel", [&] { return overlay_table_destroy_overlay(t, in_channel); }, 0, 1},
+      {"destroy, in no set", [&] { return overlay_table_destroy_overlay(t, 5); }, 0, 0},
   };
   for (const auto& [what, op, result, raised] : steps) {
     uint32_t before = table_->version;
@@ -134,6 +140,10 @@ TEST_F(TableTest, StreamTablesAreMadeOnFirstUseAndForeignOnesRefused) {
   ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, b, 2), 0);
   EXPECT_EQ(stream->version, 2u);
   EXPECT_EQ(handles_of(stream->handles), set_of({b, a}));
+  EXPECT_EQ(table_->entries[b - 1].stream_count, 1u);
+  ASSERT_EQ(overlay_table_remove_overlay_from_stream(table_, b, 2), 0);
+  EXPECT_EQ(table_->entries[b - 1].stream_count, 0u) << "counted out of the stream";
+  ASSERT_EQ(overlay_table_add_overlay_to_stream(table_, b, 2), 0);
   overlay_table_unmap_stream(stream);
   EXPECT_EQ(overlay_table_remove_overlay_from_stream(table_, a, 9), -1);
   EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: Could not map the stream overlay table.\n"));

@@ -65,6 +65,7 @@ TEST_F(Tokenfill, ConversionsInUtcAndLocalTime) {
       {false, "end%", "end%"},
       {false, "end%_3E", "end%_3E"},
       {false, "%99999T|", "%99999T|"},
+      {false, "%40960T|", "%40960T|"},  // past the limit only by its last digit
       {false, "", ""},
   };
   for (const auto& c : kCases) {
