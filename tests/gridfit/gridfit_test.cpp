@@ -157,6 +157,23 @@ INSTANTIATE_TEST_SUITE_P(
                     Conversion{"bitfields_after_header", {32, true, 40, 3, 0}, false, 360, 34, 20}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Unscaled (a 1080-line stream), translucent colours come back exactly as
+// they went in: straightening rounds to the nearest value, where truncating
+// would give 59 for 60 at half alpha and 127 for 128 at alpha 2.
+TEST_F(Gridfit, UnscaledTranslucentColoursComeBackExactly) {
+  constexpr Colours kExact{0x803C3C3C, 0x02808080, 0xFF102030, 0x80FF3C00};
+  write_file(root_ / "image" / "bmp", make_bmp(kV5Alpha, kExact));
+  ASSERT_EQ(convert(root_ / "image", 1080), 0);
+  const Bytes ovl = read_file(buffer_.data());
+  ASSERT_EQ(ovl.size(), 78u + 4u * kWidth * kHeight);
+  for (int q = 0; q < 4; ++q) {
+    const int x = kWidth / 4 + (q % 2) * kWidth / 2, y = kHeight / 4 + (q / 2) * kHeight / 2;
+    std::uint32_t word = 0;
+    std::memcpy(&word, &ovl[78 + 4 * (y * kWidth + x)], 4);
+    EXPECT_EQ(word, kExact[q]) << "quadrant " << q;
+  }
+}
+
 // A bitmap replaced in place with its old date restored, or by a file dated
 // long ago moved over it (as mv, cp -p and tar x make it), is converted again.
 TEST_F(Gridfit, ReusesConversionUntilTheBitmapFileChanges) {
