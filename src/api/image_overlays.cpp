@@ -11,7 +11,8 @@
 
 #include "api.h"
 #include "common/log.h"
-#include "common/unique_fd.h"
+#include "zantrel-base/io.h"
+#include "zantrel-base/unique_fd.h"
 
 namespace zantrel::api {
 namespace {
@@ -73,14 +74,7 @@ int overlay_get_scalable_image_dimension(const char* directory, uint32_t* width,
     return -1;
   }
   unsigned char block[kBitmapHeaderBytes];
-  size_t got = 0;
-  while (got < sizeof block) {
-    const ssize_t n = read(file.get(), block + got, sizeof block - got);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    got += static_cast<size_t>(n);
-  }
-  if (got != sizeof block) {
+  if (!zantrel::read_exactly(file.get(), block, sizeof block)) {
     log_message(LOG_ERR, "libzantrel: Could not read from file %s\n", name);
     return -1;
   }

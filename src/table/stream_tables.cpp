@@ -13,8 +13,8 @@
 #include <cstring>
 
 #include "common/log.h"
-#include "common/unique_fd.h"
 #include "table.h"
+#include "zantrel-base/unique_fd.h"
 
 namespace zantrel::table {
 namespace {

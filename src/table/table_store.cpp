@@ -12,9 +12,9 @@
 #include <utility>
 
 #include "common/log.h"
-#include "common/unique_fd.h"
 #include "table.h"
-#include "table_check.h"
+#include "zantrel-base/unique_fd.h"
+#include "zantrel-internal/table_check.h"
 
 namespace zantrel::table {
 namespace {

@@ -12,10 +12,10 @@
 #include <new>
 
 #include "common/log.h"
-#include "common/mapping.h"
 #include "kept_overlays.h"
 #include "text.h"
 #include "tokenfill.h"
+#include "zantrel-base/mapping.h"
 
 using zantrel::text::kTextSize;
 

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "ovl_codec.h"
+#include "zantrel-base/cairo_ptr.h"
 
 namespace {
 
@@ -74,14 +75,7 @@ std::string system_error(const std::string& what, const std::string& path) {
   return what + " " + path + ": " + std::strerror(errno);
 }
 
-struct SurfaceDeleter {
-  void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-};
-using Surface = std::unique_ptr<cairo_surface_t, SurfaceDeleter>;
-
-struct CairoDeleter {
-  void operator()(cairo_t* cr) const { cairo_destroy(cr); }
-};
+using Surface = zantrel::CairoSurfacePtr;
 
 std::vector<uint8_t> read_file(const std::string& path) {
   std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
@@ -140,7 +134,7 @@ Image read_png(const std::string& path) {
   int height = cairo_image_surface_get_height(png.get());
   Surface argb(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));
   {
-    std::unique_ptr<cairo_t, CairoDeleter> cr(cairo_create(argb.get()));
+    zantrel::CairoPtr cr(cairo_create(argb.get()));
     cairo_set_operator(cr.get(), CAIRO_OPERATOR_SOURCE);
     cairo_set_source_surface(cr.get(), png.get(), 0, 0);
     cairo_paint(cr.get());

@@ -75,7 +75,7 @@ class DriverClaim {
  public:
   // false, with a message naming the running one, when another holds it.
   bool take(bool serve) {
-    fd_ = Fd(shm_open("/zantrel_vcam_running", O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    fd_ = UniqueFd(shm_open("/zantrel_vcam_running", O_RDWR | O_CREAT | O_CLOEXEC, 0666));
     if (!fd_) {
       std::fprintf(stderr, "zantrel-vcam: cannot open /dev/shm/zantrel_vcam_running: %s\n",
                    std::strerror(errno));
@@ -105,7 +105,7 @@ class DriverClaim {
   }
 
  private:
-  Fd fd_;
+  UniqueFd fd_;
 };
 
 // A private scratch directory, removed with everything in it.
@@ -279,9 +279,9 @@ int supervise(const Options& options) {
   const Timeline timeline = make_timeline(options.serve ? 1 : options.seconds, options.soak);
   // Opened here, so that a bad path fails before anything starts; a FIFO
   // waits for its reader.
-  Fd y4m_file;
+  UniqueFd y4m_file;
   if (!options.y4m.empty() && options.y4m != "-") {
-    y4m_file = Fd(open(options.y4m.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    y4m_file = UniqueFd(open(options.y4m.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!y4m_file) {
       std::fprintf(stderr, "zantrel-vcam: cannot open %s: %s\n", options.y4m.c_str(),
                    std::strerror(errno));
@@ -301,7 +301,7 @@ int supervise(const Options& options) {
   owner_quit.read.reset();
   // Declared after the owner, so that on an early return or exception it is
   // closed before ~Child waits for the owner, which deinits on seeing it go.
-  Fd owner_quit_write = std::move(owner_quit.write);
+  UniqueFd owner_quit_write = std::move(owner_quit.write);
 
   // The tables must exist before anyone attaches.
   bool owner_up = false;
@@ -375,7 +375,7 @@ int supervise(const Options& options) {
       wait_readable(signals::wake_fd(), -1, /*ignore_stop=*/true);
       signals::drain();
     }
-    have_report = read_all(report_pipe.read.get(), &report, sizeof report);
+    have_report = zantrel::read_exactly(report_pipe.read.get(), &report, sizeof report);
     app_code = app ? app->exit_code() : 0;
     encoder_code = encoder.exit_code();
   }

@@ -17,6 +17,7 @@
 #include "ipc.h"
 #include "scene_layout.h"
 #include "scene_pixels.h"
+#include "session.h"
 #include "zantrel.h"
 
 extern char** environ;
@@ -50,23 +51,6 @@ int check_handle(const char* what, int result) {
   }
   return result;
 }
-
-// overlay_attach for the life of the object.
-class Attachment {
- public:
-  Attachment() : fd_(overlay_attach(0)) {}
-  Attachment(const Attachment&) = delete;
-  Attachment& operator=(const Attachment&) = delete;
-  ~Attachment() {
-    if (fd_ >= 0 && overlay_detach() != 0) {
-      std::fputs("zantrel-vcam: application: overlay_detach failed\n", stderr);
-    }
-  }
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // One overlay buffer of the device mapped into this process.
 class MappedBuffer {
@@ -394,7 +378,8 @@ class Scene {
 
 int run_application(const SceneConfig& config, int link_fd) {
   try {
-    Attachment attachment;
+    const zantrel::tools::LibrarySession attachment(zantrel::tools::LibrarySession::Role::kAttached,
+                                                    "zantrel-vcam: application");
     if (attachment.fd() < 0) {
       std::fprintf(stderr, "zantrel-vcam: application: overlay_attach(0) returned %d\n",
                    attachment.fd());

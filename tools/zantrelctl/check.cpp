@@ -9,8 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "table.h"
-#include "table_check.h"
+#include "zantrel-internal/table_check.h"
 
 namespace zantrelctl {
 namespace {
@@ -48,30 +47,6 @@ std::string place_name(const Finding& f) {
       break;
   }
   return "overlay " + std::to_string(f.handle);
-}
-
-const char* kind_name(Fault fault) {
-  switch (fault) {
-    case Fault::kBadEntry:
-      return "unsound_entry";
-    case Fault::kBadSetValue:
-      return "no_such_entry";
-    case Fault::kFreeMember:
-      return "free_member";
-    case Fault::kDuplicateMember:
-      return "duplicate_member";
-    case Fault::kMemberAfterGap:
-      return "member_after_gap";
-    case Fault::kShortStreamTable:
-      return "short_stream_table";
-    case Fault::kBadActive:
-      return "bad_active_flag";
-    case Fault::kInactiveMembers:
-      return "inactive_stream_member";
-    case Fault::kLowStreamCount:
-      return "low_stream_count";
-  }
-  return "unknown";
 }
 
 // The problem in words a field engineer reads, and what a repair does.
@@ -156,7 +131,7 @@ int check_command(int argc, char** argv) {
   findings.reserve(64);
   zantrel::table::check_tables(table, repair, collect, &findings);
   if (repair && !findings.empty()) {
-    zantrel::table::raise_version(table->version);  // every encoder gathers again
+    zantrel::table::mark_mended(table);  // every encoder gathers again
   }
   overlay_table_unlock(table);
   overlay_table_unmap(table);
@@ -164,8 +139,9 @@ int check_command(int argc, char** argv) {
   if (json) {
     nlohmann::json problems = nlohmann::json::array();
     for (const Finding& f : findings) {
-      nlohmann::json item{
-          {"kind", kind_name(f.fault)}, {"where", place_name(f)}, {"message", describe(f)}};
+      nlohmann::json item{{"kind", zantrel::table::names_of(f.fault).name},
+                          {"where", place_name(f)},
+                          {"message", describe(f)}};
       if (f.handle > 0) item["handle"] = f.handle;
       if (f.place >= 0) item["place"] = f.place + 1;
       problems.push_back(item);
