@@ -1,14 +1,17 @@
-#include "check.h"
+#include "commands.h"
 
 #include <sys/mman.h>
 
+#include <array>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "options.h"
 #include "zantrel-internal/table_check.h"
 
 namespace zantrelctl {
@@ -100,14 +103,18 @@ void collect(const Finding& finding, void* context) {
 int check_command(int argc, char** argv) {
   bool json = false;
   bool repair = false;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--json") == 0) {
-      json = true;
-    } else if (std::strcmp(argv[i], "--repair") == 0) {
-      repair = true;
-    } else {
-      return usage(("unknown argument '" + std::string(argv[i]) + "'").c_str());
-    }
+  auto flag = [](bool& set) {
+    return [&set](const char*) -> std::optional<std::string> {
+      set = true;
+      return std::nullopt;
+    };
+  };
+  const std::array options{zantrel::tools::Option{"json", 0, false, flag(json)},
+                           zantrel::tools::Option{"repair", 0, false, flag(repair)}};
+  const zantrel::tools::Parsed parsed = zantrel::tools::parse_options(argc, argv, options);
+  if (!parsed) return usage(parsed.error.c_str());
+  if (!parsed.operands.empty()) {
+    return usage(("unknown argument '" + std::string(parsed.operands.front()) + "'").c_str());
   }
 
   overlay_table* table = overlay_table_map();

@@ -1,4 +1,4 @@
-#include "render_preview.h"
+#include "commands.h"
 
 #include <cairo.h>
 #include <getopt.h>
