@@ -8,6 +8,8 @@ packages=(
   cmake ninja-build g++ pkg-config binutils
   # Tests, benchmarks and the format check
   libgtest-dev libgmock-dev libbenchmark-dev clang-format
+  # The lint stage of the tests (scripts/lint.sh, checks in .clang-tidy)
+  clang-tidy
   # Text rendering (cairo, FreeType, GLib) and the one font the library opens;
   # the simulated driver and the tools also write PNG through cairo
   libcairo2-dev libfreetype-dev libglib2.0-dev fonts-wqy-microhei

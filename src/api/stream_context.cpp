@@ -130,6 +130,9 @@ void take_gathered(StreamContext& c, const std::array<overlay_table_entry, kPosi
   for (int i = 0; i < kPositions; ++i) {
     const overlay_table_entry& source = fresh[i];
     const int j = former_place(former_handles, former_slots, handles[i]);
+    // Byte for byte is what is meant: the entries are copies of the shared
+    // table's bytes, padding included.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
     unchanged[i] = j >= 0 && std::memcmp(&former_sources[j], &source, sizeof source) == 0;
     // An unchanged entry keeps its local copy: a ticker keeps its position.
     c.local[i] = unchanged[i] ? former_slots[j] : source;

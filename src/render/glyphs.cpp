@@ -24,6 +24,8 @@ glyph_cache_entry* cached_glyph(render_text_context* context, const cairo_glyph_
   if (entry != nullptr && entry->unconfirmed) {
     cairo_text_extents_t extents;
     cairo_glyph_extents(context->cr, &glyph, 1, &extents);
+    // Both filled by cairo_glyph_extents: equal bytes mean the same extents.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
     if (std::memcmp(&extents, &entry->extents, sizeof extents) == 0) {
       entry->unconfirmed = false;
     } else {

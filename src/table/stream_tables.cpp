@@ -53,7 +53,7 @@ bool create_stream_table(const char* name) {
   }
   MappedStream stream_table(map_stream_fd(fd.get()));
   if (!mapped(stream_table.get())) {
-    stream_table.release();
+    (void)stream_table.release();  // not a mapping: nothing to unmap
     fd.reset();
     shm_unlink(name);
     log_message(LOG_ERR, "libzantrel: Could not create stream overlay table\n");

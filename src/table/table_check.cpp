@@ -39,13 +39,15 @@ class Checker {
       : table_(table), repair_(repair), sink_(sink), context_(context) {}
 
   int run() {
-    for (int index = 0; index < kEntries; ++index) check_entry(index);
+    for (int index = 0; index < kEntries; ++index)
+      check_entry(index);  // NOLINT(modernize-loop-convert): by index
     check_set(table_->source_handles, Place::kSource, -1, false);
     check_set(table_->global_handles, Place::kGlobal, -1, true);
     for (int c = 0; c < static_cast<int>(kChannels); ++c) {
       check_set(table_->channel_handles[c], Place::kChannel, c, true);
     }
     check_stream_tables();
+    // NOLINTNEXTLINE(modernize-loop-convert): the index names the entry
     for (int index = 0; index < kEntries; ++index) {
       overlay_table_entry& entry = table_->entries[index];
       if (live(index) && entry.stream_count < stream_sets_[index]) {

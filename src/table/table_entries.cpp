@@ -9,7 +9,7 @@ namespace zantrel::table {
 namespace {
 
 HandleSet channel_set(overlay_table* table, unsigned channel) {
-  return HandleSet(table->channel_handles[channel]);
+  return {table->channel_handles[channel]};
 }
 
 // Handle to index for an operation that needs the entry in use.

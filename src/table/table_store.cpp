@@ -164,7 +164,7 @@ int overlay_table_init() {
   }
   MappedTable table(map_fd(fd.get()));
   if (!mapped(table.get())) {
-    table.release();
+    (void)table.release();  // not a mapping: nothing to unmap
     return -1;
   }
   if (init_mutex(table.get()) != 0) {

@@ -23,6 +23,7 @@ std::vector<int> destroy_leftovers() {
     return handles;
   }
   if (overlay_table_lock(table) == 0) {
+    // NOLINTNEXTLINE(modernize-loop-convert): the index gives the handle
     for (int index = 0; index < OVERLAY_MAX_HANDLES; ++index) {
       if (table->entries[index].in_use != 0) {
         handles.push_back(index + 1);

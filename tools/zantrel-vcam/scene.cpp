@@ -101,6 +101,7 @@ void convert_logo(const std::string& ovlconv, const std::string& png, const std:
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
   std::vector<std::string> args{ovlconv, "to-ovl", png, ovl};
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (auto& arg : args) {
     argv.push_back(arg.data());
   }
@@ -193,6 +194,8 @@ class Scene {
   Scene& operator=(const Scene&) = delete;
   ~Scene() {
     // Newest first, so nothing refers to an overlay already gone.
+    // (Clang 14 cannot read libstdc++ 12's std::views::reverse.)
+    // NOLINTNEXTLINE(modernize-loop-convert)
     for (auto it = owned_.rbegin(); it != owned_.rend(); ++it) {
       if (it->destroy(it->handle) < 0) {
         std::fprintf(stderr, "zantrel-vcam: application: could not destroy overlay %d\n",
