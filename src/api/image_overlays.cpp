@@ -135,7 +135,7 @@ int create_image(overlay_image* image) {
   }
   data.kernel_id = kernel_id;
   std::memcpy(&data.description.image, image, sizeof *image);
-  if (kernel_id > 0) o_set_overlay_position(fd, kernel_id, &data);
+  if (zantrel::has_overlay(kernel_id)) o_set_overlay_position(fd, kernel_id, &data);
 
   int handle = -1;
   {
@@ -143,7 +143,8 @@ int create_image(overlay_image* image) {
     if (lock.result() == 0) handle = overlay_table_create_overlay(table.get(), &data);
   }
   table.reset();
-  if (handle <= 0 && kernel_id > 0) zantrel::device::destroy_or_keep(fd, kernel_id);
+  if (handle <= 0 && zantrel::has_overlay(kernel_id))
+    zantrel::device::destroy_or_keep(fd, kernel_id);
   return handle;
 }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/result.h"
 #include "zantrel-driver/cam_ioctl.h"
 #include "zantrel.h"
 

@@ -45,6 +45,7 @@ int remove_from(overlay_table* table, int handle, HandleSet set, bool counts_as_
 }  // namespace
 }  // namespace zantrel::table
 
+using namespace zantrel;         // NOLINT(google-build-using-namespace)
 using namespace zantrel::table;  // NOLINT(google-build-using-namespace)
 
 extern "C" {
