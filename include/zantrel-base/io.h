@@ -63,4 +63,17 @@ inline bool write_all(int fd, const void* data, size_t size) {
   return true;
 }
 
+// write_all at a position of the file (pwrite), leaving its offset alone.
+inline bool pwrite_all(int fd, const void* data, size_t size, off_t offset) {
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = pwrite(fd, bytes + done, size - done, offset + static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
 }  // namespace zantrel

@@ -23,6 +23,7 @@
 
 #include "ovl_codec.h"
 #include "zantrel-base/cairo_ptr.h"
+#include "zantrel-base/io.h"
 
 namespace {
 
@@ -197,16 +198,8 @@ class AtomicOutput {
   }
 
   void write_all(const uint8_t* data, size_t size) {
-    while (size > 0) {
-      ssize_t n = write(fd_, data, size);
-      if (n < 0 && errno == EINTR) {
-        continue;
-      }
-      if (n <= 0) {
-        throw Error(system_error("cannot write", path_));
-      }
-      data += n;
-      size -= static_cast<size_t>(n);
+    if (!zantrel::write_all(fd_, data, size)) {
+      throw Error(system_error("cannot write", path_));
     }
   }
 

@@ -18,6 +18,7 @@
 #include "scene_layout.h"
 #include "scene_pixels.h"
 #include "session.h"
+#include "zantrel-base/mapping.h"
 #include "zantrel.h"
 
 extern char** environ;
@@ -53,33 +54,17 @@ int check_handle(const char* what, int result) {
 }
 
 // One overlay buffer of the device mapped into this process.
-class MappedBuffer {
- public:
-  MappedBuffer(int fd, int32_t offset, size_t size)
-      : size_(size), data_(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset)) {
-    if (data_ == MAP_FAILED) {
-      throw std::runtime_error(std::string("mmap of an overlay buffer: ") + std::strerror(errno));
-    }
-  }
-  MappedBuffer(const MappedBuffer&) = delete;
-  MappedBuffer& operator=(const MappedBuffer&) = delete;
-  ~MappedBuffer() { munmap(data_, size_); }
-  std::span<uint8_t> bytes() { return {static_cast<uint8_t*>(data_), size_}; }
-  std::span<uint32_t> words() { return {static_cast<uint32_t*>(data_), size_ / 4}; }
-
- private:
-  size_t size_;
-  void* data_;
-};
-
 // The buffer cycle of a plain overlay: get a free buffer, paint it, submit.
 void paint_overlay(int handle, uint32_t buffer_size,
-                   const std::function<void(MappedBuffer&)>& paint) {
+                   const std::function<void(std::span<uint8_t>)>& paint) {
   int32_t offset = 0;
   check("overlay_get_buffer", overlay_get_buffer(handle, &offset));
   {
-    MappedBuffer buffer(o_get_fd(), offset, buffer_size);
-    paint(buffer);
+    const zantrel::Mapping buffer(o_get_fd(), buffer_size, PROT_READ | PROT_WRITE, offset);
+    if (!buffer) {
+      throw std::runtime_error(std::string("mmap of an overlay buffer: ") + std::strerror(errno));
+    }
+    paint(buffer.span());
   }
   check("overlay_submit_buffer", overlay_submit_buffer(handle, offset, 0));
 }
@@ -271,8 +256,8 @@ class Scene {
                    L::kStreamOverlayPriority, normalized(L::kSwatchX, L::kSwatchY), 1);
     const int swatch_handle =
         keep_plain(check_handle("overlay_create(swatches)", overlay_create(&swatches)));
-    paint_overlay(swatch_handle, swatches.buffer_size, [](MappedBuffer& buffer) {
-      paint_swatches(buffer.bytes(), L::kSwatchWidth, L::kSwatchHeight, L::kSwatchCellWidth);
+    paint_overlay(swatch_handle, swatches.buffer_size, [](std::span<uint8_t> buffer) {
+      paint_swatches(buffer, L::kSwatchWidth, L::kSwatchHeight, L::kSwatchCellWidth);
     });
     add_to_stream_if_present(swatch_handle, L::kSwatchStream, "swatches");
     stop_point();
@@ -359,8 +344,11 @@ class Scene {
   }
 
   void paint_plain(uint32_t color) {
-    paint_overlay(plain_handle_, plain_.buffer_size, [color](MappedBuffer& buffer) {
-      paint_framed(buffer.words(), L::kPlainWidth, L::kPlainHeight, color, L::kPlainBorderColor,
+    paint_overlay(plain_handle_, plain_.buffer_size, [color](std::span<uint8_t> buffer) {
+      // Overlay buffers are page-aligned: their words can be written in place.
+      const std::span<uint32_t> words(static_cast<uint32_t*>(static_cast<void*>(buffer.data())),
+                                      buffer.size() / 4);
+      paint_framed(words, L::kPlainWidth, L::kPlainHeight, color, L::kPlainBorderColor,
                    L::kPlainBorder);
     });
   }
