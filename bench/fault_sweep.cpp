@@ -34,8 +34,8 @@
 
 #include "camsim.h"
 #include "private_dev_shm.h"
-#include "table_check.h"
 #include "tokenfill.h"
+#include "zantrel-internal/table_check.h"
 #include "zantrel.h"
 
 // The library's messages would flood the machine's log: they are counted only.

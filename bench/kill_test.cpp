@@ -36,7 +36,7 @@
 
 #include "camsim.h"
 #include "private_dev_shm.h"
-#include "table_check.h"
+#include "zantrel-internal/table_check.h"
 #include "zantrel.h"
 
 namespace {

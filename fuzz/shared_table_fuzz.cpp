@@ -28,7 +28,7 @@
 
 #include "private_dev_shm.h"
 #include "table.h"
-#include "table_check.h"
+#include "zantrel-internal/table_check.h"
 #include "zantrel.h"
 
 namespace {

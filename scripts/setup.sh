@@ -10,6 +10,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang-format
   # The encoder's cost counted in instructions (bench/encoder-instructions.sh)
   valgrind
+  # The lint stage of the tests (scripts/lint.sh, checks in .clang-tidy)
+  clang-tidy
   # Text rendering (cairo, FreeType, GLib) and the one font the library opens;
   # the simulated driver and the tools also write PNG through cairo
   libcairo2-dev libfreetype-dev libglib2.0-dev fonts-wqy-microhei

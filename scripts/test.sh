@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Sets everything up and runs every test: the format check, then a build with
+# Sets everything up and runs every test: the format check, clang-tidy
+# (scripts/lint.sh), then a build with
 # warnings as errors and the whole test suite, plain (dev), under
 # AddressSanitizer with UndefinedBehaviorSanitizer (asan), and cross-built for
 # the camera's 32-bit ARM and run on an emulated ARM machine (armhf).
@@ -9,6 +10,7 @@ cd "$(dirname "$0")/.."
 
 scripts/setup.sh
 scripts/check-format.sh
+scripts/lint.sh
 
 for preset in ${ZANTREL_TEST_PRESETS:-dev asan armhf}; do
   echo "== $preset"

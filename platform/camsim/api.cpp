@@ -9,6 +9,7 @@
 
 #include "camsim.h"
 #include "state.h"
+#include "zantrel-base/io.h"
 
 namespace {
 
@@ -110,13 +111,8 @@ CAMSIM_API long camsim_read_shown_buffer(uint32_t id, void* dst, size_t capacity
   // Read outside the lock, as the hardware reads a shown buffer while
   // clients go on.
   const size_t want = std::min<size_t>(capacity, size);
-  size_t done = 0;
-  while (done < want) {
-    const ssize_t n = pread(camsim::attach()->fd, static_cast<char*>(dst) + done, want - done,
-                            static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return -1;
-    done += static_cast<size_t>(n);
+  if (!zantrel::pread_exactly(camsim::attach()->fd, dst, want, static_cast<off_t>(offset))) {
+    return -1;
   }
   return static_cast<long>(size);
 }

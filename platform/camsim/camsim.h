@@ -57,7 +57,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "cam_ioctl.h" /* the driver records; includes zantrel.h */
+#include "zantrel-driver/cam_ioctl.h" /* the driver records; includes zantrel.h */
 
 #ifdef __cplusplus
 extern "C" {

@@ -13,6 +13,8 @@
 
 #include "camsim.h"
 #include "state.h"
+#include "zantrel-base/cairo_ptr.h"
+#include "zantrel-base/io.h"
 
 namespace {
 
@@ -25,14 +27,8 @@ struct Snapshot {
   std::vector<std::uint8_t> pixels;
 };
 
-struct SurfaceDeleter {
-  void operator()(cairo_surface_t* s) const { cairo_surface_destroy(s); }
-};
-struct ContextDeleter {
-  void operator()(cairo_t* c) const { cairo_destroy(c); }
-};
-using Surface = std::unique_ptr<cairo_surface_t, SurfaceDeleter>;
-using Context = std::unique_ptr<cairo_t, ContextDeleter>;
+using Surface = zantrel::CairoSurfacePtr;
+using Context = zantrel::CairoPtr;
 
 std::uint8_t clamp_byte(double v) {
   return static_cast<std::uint8_t>(std::clamp(std::lround(v), 0L, 255L));
@@ -155,15 +151,7 @@ Surface wrap(std::uint32_t* pixels, int width, int height) {
 
 bool read_pixels(int fd, Snapshot& s) {
   s.pixels.resize(s.rec.buffer_size);
-  std::size_t done = 0;
-  while (done < s.pixels.size()) {
-    const ssize_t n = pread(fd, s.pixels.data() + done, s.pixels.size() - done,
-                            static_cast<off_t>(s.offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
+  return zantrel::pread_exactly(fd, s.pixels.data(), s.pixels.size(), static_cast<off_t>(s.offset));
 }
 
 // The request's overlays over the test picture, into width x height words

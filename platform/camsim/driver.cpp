@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "zantrel-base/io.h"
+
 namespace camsim {
 namespace {
 
@@ -68,11 +70,11 @@ void fill_fresh(const Attachment& a, const BufferSlot& b) {
   static const std::vector<std::uint8_t> pattern(64 * 1024, CAMSIM_FRESH_BYTE);
   const std::size_t length = std::size_t{b.pages} * kPage;
   for (std::size_t done = 0; done < length;) {
-    const ssize_t n = pwrite(a.fd, pattern.data(), std::min(pattern.size(), length - done),
-                             static_cast<off_t>(b.offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;  // the pages stay as they were: only the pattern is lost
-    done += static_cast<std::size_t>(n);
+    const std::size_t chunk = std::min(pattern.size(), length - done);
+    if (!zantrel::pwrite_all(a.fd, pattern.data(), chunk, static_cast<off_t>(b.offset + done))) {
+      return;  // the pages stay as they were: only the pattern is lost
+    }
+    done += chunk;
   }
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "gridfit_private.h"
+#include "zantrel-base/io.h"
 
 namespace gridfit {
 namespace {
@@ -63,18 +64,7 @@ bool known_info_size(std::uint32_t size) {
 
 // A file that ends early is as unusable as one that cannot be read.
 bool read_exactly(int fd, std::uint64_t pos, std::span<std::uint8_t> out) {
-  std::size_t done = 0;
-  while (done < out.size()) {
-    ssize_t n = pread(fd, out.data() + done, out.size() - done, static_cast<off_t>(pos + done));
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
+  return zantrel::pread_exactly(fd, out.data(), out.size(), static_cast<off_t>(pos));
 }
 
 // head holds the file's first bytes, up to kMaxHeadSize of them.

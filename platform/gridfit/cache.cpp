@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "gridfit_private.h"
+#include "zantrel-base/io.h"
+#include "zantrel-base/unique_fd.h"
 
 namespace gridfit {
 namespace {
@@ -116,18 +118,7 @@ std::vector<std::uint8_t> encode_ovl(const Image& image, const struct stat& bitm
 }
 
 bool write_all(int fd, const std::vector<std::uint8_t>& bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
+  return zantrel::write_all(fd, bytes.data(), bytes.size());
 }
 
 // Files in the directory are trusted as our own conversions, so it must be
@@ -160,16 +151,14 @@ std::optional<CachePlace> cache_place(const char* image_dir, int stream_width, i
 }
 
 bool cache_fresh(const CachePlace& place, const struct stat& bitmap) {
-  const int fd = open(place.file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
+  const zantrel::UniqueFd fd(open(place.file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!fd) {
     return false;
   }
   std::array<std::uint8_t, kOvlHeaderSize> header{};
   struct stat st {};
-  const bool whole =
-      fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-      pread(fd, header.data(), header.size(), 0) == static_cast<ssize_t>(header.size());
-  close(fd);
+  const bool whole = fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
+                     zantrel::pread_exactly(fd.get(), header.data(), header.size(), 0);
   const auto key = key_bytes(bitmap);
   return whole && std::equal(key.begin(), key.end(), header.begin() + kKeyOffset);
 }

@@ -12,6 +12,7 @@
 
 #include "gridfit.h"
 #include "gridfit_private.h"
+#include "zantrel-base/unique_fd.h"
 
 namespace gridfit {
 namespace {
@@ -19,21 +20,7 @@ namespace {
 // Stream height at which a scalable image is shown at its own size.
 constexpr double kReferenceHeight = 1080.0;
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  ~Fd() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
+using zantrel::UniqueFd;
 
 // 0 when the side is too large to convert.
 int scaled_side(int side, int stream_height) {
@@ -53,11 +40,11 @@ int convert(char* path, int stream_height, int stream_width) {
   if (length == 0 || length == GRIDFIT_PATH_SIZE) {
     return -1;
   }
-  const Fd dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dir.get() < 0) {
     return -1;
   }
-  const Fd bmp(openat(dir.get(), "bmp", O_RDONLY | O_CLOEXEC));
+  const UniqueFd bmp(openat(dir.get(), "bmp", O_RDONLY | O_CLOEXEC));
   struct stat bitmap {};
   if (bmp.get() < 0 || fstat(bmp.get(), &bitmap) != 0 || !S_ISREG(bitmap.st_mode)) {
     return -1;

@@ -8,19 +8,13 @@
 #include <optional>
 
 #include "gridfit_private.h"
+#include "zantrel-base/cairo_ptr.h"
 
 namespace gridfit {
 namespace {
 
-struct SurfaceDeleter {
-  void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-};
-using Surface = std::unique_ptr<cairo_surface_t, SurfaceDeleter>;
-
-struct ContextDeleter {
-  void operator()(cairo_t* cr) const { cairo_destroy(cr); }
-};
-using Context = std::unique_ptr<cairo_t, ContextDeleter>;
+using Surface = zantrel::CairoSurfacePtr;
+using Context = zantrel::CairoPtr;
 
 Surface make_surface(int width, int height) {
   Surface surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));

@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "common/log.h"
+#include "common/result.h"
 #include "kept_overlays.h"
 #include "table.h"
 #include "zantrel.h"
@@ -70,7 +71,7 @@ inline int entry_in_use_locked(overlay_table* table, int handle) {
     return 0;
   }
   log_message(LOG_ERR, "libzantrel: Overlay handle %d is not in use\n", handle);
-  return table::kBadHandle;
+  return kBadHandle;
 }
 
 // The same under a lock of its own; -1 when the lock fails.

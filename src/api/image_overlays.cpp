@@ -11,7 +11,8 @@
 
 #include "api.h"
 #include "common/log.h"
-#include "common/unique_fd.h"
+#include "zantrel-base/io.h"
+#include "zantrel-base/unique_fd.h"
 
 namespace zantrel::api {
 namespace {
@@ -73,14 +74,7 @@ int overlay_get_scalable_image_dimension(const char* directory, uint32_t* width,
     return -1;
   }
   unsigned char block[kBitmapHeaderBytes];
-  size_t got = 0;
-  while (got < sizeof block) {
-    const ssize_t n = read(file.get(), block + got, sizeof block - got);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    got += static_cast<size_t>(n);
-  }
-  if (got != sizeof block) {
+  if (!zantrel::read_exactly(file.get(), block, sizeof block)) {
     log_message(LOG_ERR, "libzantrel: Could not read from file %s\n", name);
     return -1;
   }
@@ -141,7 +135,7 @@ int create_image(overlay_image* image) {
   }
   data.kernel_id = kernel_id;
   std::memcpy(&data.description.image, image, sizeof *image);
-  if (kernel_id > 0) o_set_overlay_position(fd, kernel_id, &data);
+  if (zantrel::has_overlay(kernel_id)) o_set_overlay_position(fd, kernel_id, &data);
 
   int handle = -1;
   {
@@ -149,7 +143,8 @@ int create_image(overlay_image* image) {
     if (lock.result() == 0) handle = overlay_table_create_overlay(table.get(), &data);
   }
   table.reset();
-  if (handle <= 0 && kernel_id > 0) zantrel::device::destroy_or_keep(fd, kernel_id);
+  if (handle <= 0 && zantrel::has_overlay(kernel_id))
+    zantrel::device::destroy_or_keep(fd, kernel_id);
   return handle;
 }
 

@@ -11,9 +11,6 @@
 namespace zantrel::api {
 namespace {
 
-// As plain ints, so that the work lambdas deduce one return type.
-constexpr int kBadArgument = table::kBadArgument;
-constexpr int kBadHandle = table::kBadHandle;
 // Plain overlays draw their palette pixels through the user bank.
 constexpr uint32_t kUserBank = 1;
 
@@ -29,9 +26,9 @@ int with_entry(int handle, int missing_result, Work&& work) {
 }  // namespace
 }  // namespace zantrel::api
 
+using zantrel::kBadArgument;
+using zantrel::kBadHandle;
 using zantrel::log_message;
-using zantrel::api::kBadArgument;
-using zantrel::api::kBadHandle;
 using zantrel::api::with_entry;
 using zantrel::api::with_locked_table;
 
@@ -95,7 +92,8 @@ int overlay_destroy(int handle) {
           zantrel::table::_remove_handle_from_streams(table, index) != 0) {
         return -1;
       }
-      if (entry->data.kernel_id > 0 && o_destroy_overlay(o_get_fd(), entry->data.kernel_id) != 0) {
+      if (zantrel::has_overlay(entry->data.kernel_id) &&
+          o_destroy_overlay(o_get_fd(), entry->data.kernel_id) != 0) {
         return -1;
       }
       return overlay_table_destroy_overlay(table, handle) == 0 ? 0 : -1;
@@ -130,7 +128,7 @@ int overlay_update(int handle, const overlay* ovl) {
       if (utils_compare_overlay_position(&ovl->position, &stored.position) != 0) {
         const overlay_position former = stored.position;
         stored.position = ovl->position;
-        if (entry->data.kernel_id > 0 &&
+        if (zantrel::has_overlay(entry->data.kernel_id) &&
             o_set_overlay_position(o_get_fd(), entry->data.kernel_id, &entry->data) != 0) {
           // The table keeps the place the driver shows, so that the same
           // call made again moves the overlay.

@@ -62,11 +62,6 @@ uint32_t positions_of(int32_t type, const overlay_caps& caps) {
   }
 }
 
-template <typename T>
-T* mapped_or_null(T* mapping) {
-  return mapping == MAP_FAILED ? nullptr : mapping;
-}
-
 // The hardware copy of one gathered overlay, drawn for this stream.
 struct Copy {
   int32_t id = 0;        // the copy of the entry as gathered, once made
@@ -80,9 +75,9 @@ struct Copy {
   uint16_t delay = 0;
   text::RenderPtr render;  // a text copy's renderer, kept with its glyph cache
 
-  int32_t shown() const { return id != 0 ? id : previous; }
+  int32_t shown() const { return has_overlay(id) ? id : previous; }
   void destroy(int fd) {
-    if (id != 0) device::destroy_or_keep(fd, id);
+    if (has_overlay(id)) device::destroy_or_keep(fd, id);
     if (previous != 0) device::destroy_or_keep(fd, previous);
     id = previous = 0;
   }
@@ -139,6 +134,9 @@ void take_gathered(StreamContext& c, const std::array<overlay_table_entry, kPosi
   for (int i = 0; i < kPositions; ++i) {
     const overlay_table_entry& source = fresh[i];
     const int j = former_place(former_handles, former_slots, handles[i]);
+    // Byte for byte is what is meant: the entries are copies of the shared
+    // table's bytes, padding included.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
     unchanged[i] = j >= 0 && std::memcmp(&former_sources[j], &source, sizeof source) == 0;
     // An unchanged entry keeps its local copy: a ticker keeps its position.
     c.local[i] = unchanged[i] ? former_slots[j] : source;
@@ -157,7 +155,8 @@ void take_gathered(StreamContext& c, const std::array<overlay_table_entry, kPosi
       // until the new one is made, by the same renderer.
       Copy& former = former_copies[j];
       copy.previous = former.shown();
-      if (former.id != 0 && former.previous != 0) device::destroy_or_keep(c.fd, former.previous);
+      if (has_overlay(former.id) && has_overlay(former.previous))
+        device::destroy_or_keep(c.fd, former.previous);
       former.id = former.previous = 0;
       copy.render = std::move(former.render);
       if (copy.render) render::reuse_glyph_cache(copy.render.get());
@@ -191,7 +190,7 @@ void take_gathered(StreamContext& c, const std::array<overlay_table_entry, kPosi
 bool gather(StreamContext& c) {
   std::array<overlay_table_entry, kPositions> fresh{};
   std::array<int32_t, kPositions> handles{};
-  if (overlay_table_lock(c.table) != 0) return false;
+  if (table::lock_table(c.table) < 0) return false;
   c.table_version = table::read_version(c.table->version);
   if (c.stream_table != nullptr) c.stream_version = table::read_version(c.stream_table->version);
   overlay_table_get_entries(c.table, c.stream_table, fresh.data(), handles.data(), c.channel,
@@ -297,13 +296,13 @@ void compose(StreamContext& c, overlay_encreq* request) {
       }
       case OVERLAY_TYPE_IMAGE:
       case OVERLAY_TYPE_SCALABLE_IMAGE:
-        if (id == 0) continue;
+        if (!has_overlay(id)) continue;
         o_encode_set_overlay_id(request, static_cast<int>(p), static_cast<uint32_t>(id));
         break;
       default:
         // Plain overlays and texts keep their positions, empty when there
         // is nothing to show yet.
-        if (c.handles[i] > 0 && id > 0) {
+        if (c.handles[i] > 0 && has_overlay(id)) {
           o_encode_set_overlay_id(request, static_cast<int>(p), static_cast<uint32_t>(id));
         }
     }
@@ -329,7 +328,7 @@ TextUpdate update_texts(StreamContext& c, overlay_encreq* request,
     text->render->budget = &c.budget;
     const modifiable_text_context::Drawn drawn = text->draw(c, slot, params);
     text->render->budget = nullptr;
-    if (drawn.id < 1) {
+    if (!has_overlay(drawn.id)) {
       if (!drawn.deferred) log_message(LOG_ERR, "libzantrel: Could not get modifiable text id\n");
       continue;
     }
@@ -385,8 +384,8 @@ overlay_stream_context* overlay_stream_context_create(int fd, unsigned int chann
   context->width = width;
   context->height = height;
   context->filter = filter;
-  context->table = mapped_or_null(overlay_table_map());
-  context->stream_table = mapped_or_null(overlay_table_map_stream(static_cast<int>(stream)));
+  context->table = zantrel::table::map_table().release();
+  context->stream_table = zantrel::table::map_stream(static_cast<int>(stream)).release();
   return context;
 }
 
@@ -416,7 +415,7 @@ int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* req
   }
   if (request == nullptr) return 0;
   if (context->table == nullptr) {
-    context->table = mapped_or_null(overlay_table_map());
+    context->table = zantrel::table::map_table().release();
     if (context->table == nullptr) return 0;
   }
   StreamContext& c = state(context);
@@ -430,7 +429,7 @@ int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* req
     changed = c.stream_table != nullptr &&
               zantrel::table::read_version(c.stream_table->version) != c.stream_version;
   } else if (c.stream_table == nullptr) {
-    c.stream_table = mapped_or_null(overlay_table_map_stream(static_cast<int>(c.stream)));
+    c.stream_table = zantrel::table::map_stream(static_cast<int>(c.stream)).release();
   }
   if (changed && !gather(c)) return 0;
 

@@ -110,7 +110,7 @@ int overlay_text_create(overlay_text* t) {
     if (handle > 0) {
       log_message(LOG_INFO, "text overlay created %d, scalable = %d, (ovl_id %d)", handle,
                   data.description.text.scalable, kernel_id);
-    } else if (kernel_id > 0) {
+    } else if (zantrel::has_overlay(kernel_id)) {
       zantrel::device::destroy_or_keep(o_get_fd(), kernel_id);
     }
     return handle;

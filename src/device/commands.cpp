@@ -9,8 +9,8 @@
 #include <cstdio>
 
 #include "common/log.h"
-#include "common/unique_fd.h"
 #include "device.h"
+#include "zantrel-base/unique_fd.h"
 
 namespace zantrel::device {
 namespace {

@@ -5,7 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "cam_ioctl.h"
+#include "common/result.h"
+#include "zantrel-driver/cam_ioctl.h"
 #include "zantrel.h"
 
 // The records cross into the driver and into shared memory: their layout is

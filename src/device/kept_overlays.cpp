@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "common/log.h"
+#include "common/result.h"
 #include "zantrel.h"
 
 namespace zantrel::device {
@@ -45,7 +46,7 @@ int retry_locked(KeptList& list, int fd) {
 }  // namespace
 
 int destroy_or_keep(int fd, int id) {
-  if (id <= 0) return 0;
+  if (!has_overlay(id)) return 0;
   KeptList& list = kept();
   std::lock_guard guard(list.mutex);
   if (list.count > 0) retry_locked(list, fd);

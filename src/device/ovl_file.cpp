@@ -19,11 +19,13 @@
 #include <utility>
 
 #include "common/log.h"
-#include "common/mapping.h"
-#include "common/unique_fd.h"
 #include "device.h"
 #include "gridfit.h"
 #include "kept_overlays.h"
+#include "zantrel-base/bt601.h"
+#include "zantrel-base/io.h"
+#include "zantrel-base/mapping.h"
+#include "zantrel-base/unique_fd.h"
 
 static_assert(sizeof(overlay_image{}.path) == GRIDFIT_PATH_SIZE);
 
@@ -130,22 +132,6 @@ struct Planes {
   }
 };
 
-// Reads exactly buffer.size() bytes unless the file ends first.
-bool read_exactly(int fd, std::span<uint8_t> buffer) noexcept {
-  size_t done = 0;
-  while (done < buffer.size()) {
-    ssize_t n = read(fd, buffer.data() + done, buffer.size() - done);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Packed files (every version but '4'): groups of 4 bytes per pixel pair,
 // chroma, luma, chroma, luma, read through one read-only mapping.
 //
@@ -194,21 +180,8 @@ bool load_packed(int file_fd, uint32_t w, uint32_t h, uint32_t key, Planes& plan
   return true;
 }
 
-struct Ycc {
-  int32_t luma;
-  int32_t cb;  // centred on 0
-  int32_t cr;
-};
-
-// BT.601 full range in 10-bit fixed point; right shifts of negative values
-// round down (arithmetic shifts, as C++20 guarantees).
-Ycc ycc_of(const uint8_t* bgra) noexcept {
-  int32_t b = bgra[0];
-  int32_t g = bgra[1];
-  int32_t r = bgra[2];
-  return {(306 * r + 601 * g + 117 * b) >> 10, (-173 * r - 339 * g + 512 * b) >> 10,
-          (512 * r - 429 * g - 83 * b) >> 10};
-}
+// B, G, R, A in the file.
+Ycc ycc_of(const uint8_t* bgra) noexcept { return bt601_ycc(bgra[2], bgra[1], bgra[0]); }
 
 // ARGB files (version '4'): 4 bytes a pixel, B, G, R, A, read 8 bytes (one
 // pixel pair) at a time. The lone last pixel of an odd-width row is read by
@@ -223,7 +196,7 @@ bool load_argb(int file_fd, uint32_t w, uint32_t h, Planes& planes) noexcept {
     uint8_t* alpha = planes.alpha.data() + y * width;
     for (size_t x = 0; x < width; x += 2) {
       bool lone = x + 1 >= w;
-      if (!read_exactly(file_fd, std::span(pair).first(lone ? 4 : 8))) {
+      if (!read_exactly(file_fd, pair.data(), lone ? 4 : 8)) {
         return false;
       }
       const uint8_t* right_pixel = lone ? pair.data() : pair.data() + 4;
@@ -309,7 +282,7 @@ int load_ovl_file(overlay_image& image, int device_fd, int* id, overlay_entry_da
   Mapping buffer;
 
   Header header{};
-  if (!read_exactly(file.get(), header)) {
+  if (!read_exactly(file.get(), &header, sizeof header)) {
     log_message(LOG_ERR,
                 "libzantrel: Overlay file is invalid, could not get header. File path: %s\n",
                 path.data());

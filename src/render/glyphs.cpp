@@ -6,18 +6,9 @@
 
 #include "common/log.h"
 #include "render.h"
+#include "zantrel-base/cairo_ptr.h"
 
 namespace zantrel::render {
-namespace {
-
-struct SurfaceDeleter {
-  void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-};
-struct CairoDeleter {
-  void operator()(cairo_t* cr) const { cairo_destroy(cr); }
-};
-
-}  // namespace
 
 GlyphRun::GlyphRun(render_text_context* context, const char* text) {
   // A string cairo cannot convert (invalid UTF-8) simply has no glyphs.
@@ -33,6 +24,8 @@ glyph_cache_entry* cached_glyph(render_text_context* context, const cairo_glyph_
   if (entry != nullptr && entry->unconfirmed) {
     cairo_text_extents_t extents;
     cairo_glyph_extents(context->cr, &glyph, 1, &extents);
+    // Both filled by cairo_glyph_extents: equal bytes mean the same extents.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
     if (std::memcmp(&extents, &entry->extents, sizeof extents) == 0) {
       entry->unconfirmed = false;
     } else {
@@ -66,13 +59,13 @@ glyph_cache_entry* render_glyph(render_text_context* context, const cairo_glyph_
 
   const auto width = round_up_16(static_cast<uint32_t>(extents.width + 2.0 * pad));
   const auto height = static_cast<uint32_t>(extents.height + 2.0 * pad);
-  std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface(cairo_image_surface_create(
-      CAIRO_FORMAT_ARGB32, static_cast<int>(width), static_cast<int>(height)));
+  CairoSurfacePtr surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(width),
+                                                     static_cast<int>(height)));
   if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) {
     log_message(LOG_ERR, "libzantrel: Internal Cairo error while creating image surface\n");
     return nullptr;
   }
-  std::unique_ptr<cairo_t, CairoDeleter> cr(cairo_create(surface.get()));
+  CairoPtr cr(cairo_create(surface.get()));
   if (cairo_status(cr.get()) != CAIRO_STATUS_SUCCESS) {
     log_message(LOG_ERR, "libzantrel: Internal Cairo error while creating drawing context\n");
     return nullptr;

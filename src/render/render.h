@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "common/result.h"
 #include "zantrel.h"
 
 // The one font the library draws with; face 1 of the collection is used.

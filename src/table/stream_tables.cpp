@@ -13,8 +13,8 @@
 #include <cstring>
 
 #include "common/log.h"
-#include "common/unique_fd.h"
 #include "table.h"
+#include "zantrel-base/unique_fd.h"
 
 namespace zantrel::table {
 namespace {
@@ -26,10 +26,10 @@ overlay_stream_table* map_stream_fd(int fd) {
   struct stat st {};
   if (fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(kStreamTableSize)) {
     errno = EINVAL;
-    return static_cast<overlay_stream_table*>(MAP_FAILED);
+    return nullptr;
   }
-  return static_cast<overlay_stream_table*>(
-      mmap(nullptr, kStreamTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  void* mapping = mmap(nullptr, kStreamTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  return mapping == MAP_FAILED ? nullptr : static_cast<overlay_stream_table*>(mapping);
 }
 
 // Makes a new, empty stream table; false (logged) when it cannot.
@@ -52,8 +52,7 @@ bool create_stream_table(const char* name) {
     return false;
   }
   MappedStream stream_table(map_stream_fd(fd.get()));
-  if (!mapped(stream_table.get())) {
-    stream_table.release();
+  if (!stream_table) {
     fd.reset();
     shm_unlink(name);
     log_message(LOG_ERR, "libzantrel: Could not create stream overlay table\n");
@@ -110,12 +109,20 @@ StreamName stream_name(int stream) {
   return name;
 }
 
-overlay_stream_table* _map_stream_table(const char* name) {
+MappedStream map_stream(const char* name) {
   zantrel::UniqueFd fd(shm_open(name, O_RDWR, kStreamMode));
   if (!fd) {
-    return static_cast<overlay_stream_table*>(MAP_FAILED);
+    return nullptr;
   }
-  return map_stream_fd(fd.get());
+  return MappedStream(map_stream_fd(fd.get()));
+}
+
+MappedStream map_stream(int stream) {
+  if (!valid_stream(stream)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return map_stream(stream_name(stream).data());
 }
 
 int _unmap_stream_table(overlay_stream_table* stream_table) {
@@ -124,11 +131,6 @@ int _unmap_stream_table(overlay_stream_table* stream_table) {
     return -1;
   }
   return munmap(stream_table, kStreamTableSize);
-}
-
-MappedStream map_stream(const char* name) {
-  overlay_stream_table* stream_table = _map_stream_table(name);
-  return MappedStream(mapped(stream_table) ? stream_table : nullptr);
 }
 
 int _stream_unlink_error(const char* name) {
@@ -182,17 +184,15 @@ int _remove_handle_from_streams(overlay_table* table, int index) {
 
 }  // namespace zantrel::table
 
+using namespace zantrel;         // NOLINT(google-build-using-namespace)
 using namespace zantrel::table;  // NOLINT(google-build-using-namespace)
 using zantrel::log_message;
 
 extern "C" {
 
 overlay_stream_table* overlay_table_map_stream(int stream) {
-  if (!valid_stream(stream)) {
-    errno = EINVAL;
-    return static_cast<overlay_stream_table*>(MAP_FAILED);
-  }
-  return _map_stream_table(stream_name(stream).data());
+  overlay_stream_table* stream_table = map_stream(stream).release();
+  return stream_table != nullptr ? stream_table : static_cast<overlay_stream_table*>(MAP_FAILED);
 }
 
 int overlay_table_unmap_stream(overlay_stream_table* stream_table) {

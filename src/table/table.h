@@ -13,6 +13,7 @@
 #include <memory>
 #include <span>
 
+#include "common/result.h"
 #include "zantrel.h"
 
 // Every process maps these images at any address; their byte layout is the
@@ -62,18 +63,6 @@ constexpr const char* kStreamPathPrefix = "/dev/shm/ovl_strm_";
 // A file under /dev/shm names the object of its path less "/dev/shm".
 constexpr std::size_t kShmDirLength = 8;
 
-// Result codes of the table operations.
-enum Result : int {
-  kOk = 0,
-  kSystemError = -1,
-  kBadArgument = -2,
-  kBadChannel = -4,
-  kNoStreamTable = -5,
-  kBadHandle = -6,
-  kSetFull = -9,
-  kNoFreeHandle = -10,
-};
-
 using HandleSet = std::span<int8_t>;
 using StreamName = std::array<char, 30>;
 
@@ -83,6 +72,7 @@ inline pthread_mutex_t* table_mutex(overlay_table* table) {
   return reinterpret_cast<pthread_mutex_t*>(table->table_mutex);
 }
 
+// For tables handed in through the C interface, which may be either.
 inline bool mapped(const void* table) { return table != nullptr && table != MAP_FAILED; }
 
 // Handle index (handle - 1) of a handle 1 to 100, or -1.
@@ -130,7 +120,6 @@ struct GlobResult {
 
 // Streams.
 StreamName stream_name(int stream);
-overlay_stream_table* _map_stream_table(const char* name);
 int _unmap_stream_table(overlay_stream_table* stream_table);
 // 0, or -1 (logged) when the search failed or a stream table naming the
 // handle could not be reached; stream_count then counts what is left.
@@ -150,14 +139,21 @@ struct StreamUnmapper {
 };
 using MappedStream = std::unique_ptr<overlay_stream_table, StreamUnmapper>;
 
-// Null when the object cannot be mapped.
+// Null when the object cannot be mapped (map_table() logs why, unless there
+// is no table); map_stream(int) sets errno to EINVAL for a stream number no
+// stream table can have.
 MappedTable map_table();
 MappedStream map_stream(const char* name);
+MappedStream map_stream(int stream);
+
+// overlay_table_lock() inside: 0 when the caller holds the lock, -errno
+// (logged) otherwise.
+int lock_table(overlay_table* table);
 
 // Holds table_mutex for one scope; a failed lock was already logged.
 class TableLock {
  public:
-  explicit TableLock(overlay_table* table) : table_(table), result_(overlay_table_lock(table)) {}
+  explicit TableLock(overlay_table* table) : table_(table), result_(lock_table(table)) {}
   TableLock(const TableLock&) = delete;
   TableLock& operator=(const TableLock&) = delete;
   ~TableLock() {

@@ -3,7 +3,7 @@
 // entry half filled or half zeroed, a set in the middle of its shift (the
 // same member twice), members of an entry already zeroed, a stream table
 // made but not yet sized or filled, a stream member not yet counted.
-#include "table_check.h"
+#include "zantrel-internal/table_check.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -39,13 +39,15 @@ class Checker {
       : table_(table), repair_(repair), sink_(sink), context_(context) {}
 
   int run() {
-    for (int index = 0; index < kEntries; ++index) check_entry(index);
+    for (int index = 0; index < kEntries; ++index)
+      check_entry(index);  // NOLINT(modernize-loop-convert): by index
     check_set(table_->source_handles, Place::kSource, -1, false);
     check_set(table_->global_handles, Place::kGlobal, -1, true);
     for (int c = 0; c < static_cast<int>(kChannels); ++c) {
       check_set(table_->channel_handles[c], Place::kChannel, c, true);
     }
     check_stream_tables();
+    // NOLINTNEXTLINE(modernize-loop-convert): the index names the entry
     for (int index = 0; index < kEntries; ++index) {
       overlay_table_entry& entry = table_->entries[index];
       if (live(index) && entry.stream_count < stream_sets_[index]) {
@@ -224,6 +226,8 @@ int check_tables(overlay_table* table, bool repair, FindingSink sink, void* cont
   return Checker(table, repair, sink, context).run();
 }
 
+void mark_mended(overlay_table* table) { raise_version(table->version); }
+
 int repair_after_owner_death(overlay_table* table) {
   std::array<int, kFaultKinds> counts{};
   const int findings = check_tables(table, true, count_finding, counts.data());
@@ -234,23 +238,12 @@ int repair_after_owner_death(overlay_table* table) {
                 "needed mending.\n");
     return 0;
   }
-  static constexpr std::array<const char*, kFaultKinds> kWhat{
-      "unsound entries freed",
-      "set places naming no entry emptied",
-      "members of free entries removed",
-      "duplicate members removed",
-      "members moved up over empty places",
-      "unfinished stream tables made empty",
-      "stream tables marked active",
-      "members of inactive stream tables removed",
-      "stream counts raised",
-  };
   char text[512];
   std::size_t used = 0;
   for (int kind = 0; kind < kFaultKinds; ++kind) {
     if (counts[kind] == 0 || used >= sizeof text) continue;
     const int n = std::snprintf(text + used, sizeof text - used, "%s%d %s", used ? ", " : "",
-                                counts[kind], kWhat[kind]);
+                                counts[kind], kFaultNames[kind].mended);
     used += n > 0 ? static_cast<std::size_t>(n) : 0;
   }
   log_message(LOG_WARNING, "libzantrel: Table owner died while mutex locked; tables mended: %s.\n",

@@ -9,7 +9,7 @@ namespace zantrel::table {
 namespace {
 
 HandleSet channel_set(overlay_table* table, unsigned channel) {
-  return HandleSet(table->channel_handles[channel]);
+  return {table->channel_handles[channel]};
 }
 
 // Handle to index for an operation that needs the entry in use.
@@ -45,6 +45,7 @@ int remove_from(overlay_table* table, int handle, HandleSet set, bool counts_as_
 }  // namespace
 }  // namespace zantrel::table
 
+using namespace zantrel;         // NOLINT(google-build-using-namespace)
 using namespace zantrel::table;  // NOLINT(google-build-using-namespace)
 
 extern "C" {

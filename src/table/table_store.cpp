@@ -12,9 +12,9 @@
 #include <utility>
 
 #include "common/log.h"
-#include "common/unique_fd.h"
 #include "table.h"
-#include "table_check.h"
+#include "zantrel-base/unique_fd.h"
+#include "zantrel-internal/table_check.h"
 
 namespace zantrel::table {
 namespace {
@@ -87,10 +87,10 @@ overlay_table* map_fd(int fd) {
   // A table that another process truncated would fault on access.
   struct stat st {};
   if (fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(kTableSize)) {
-    return static_cast<overlay_table*>(MAP_FAILED);
+    return nullptr;
   }
-  return static_cast<overlay_table*>(
-      mmap(nullptr, kTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  void* mapping = mmap(nullptr, kTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  return mapping == MAP_FAILED ? nullptr : static_cast<overlay_table*>(mapping);
 }
 
 }  // namespace
@@ -131,12 +131,43 @@ int _remove_all_tables() {
 }
 
 MappedTable map_table() {
-  overlay_table* table = overlay_table_map();
-  return MappedTable(mapped(table) ? table : nullptr);
+  zantrel::UniqueFd fd(shm_open(kTableName, O_RDWR, kOpenMode));
+  if (!fd) {
+    if (errno != ENOENT) {
+      log_message(LOG_WARNING, "libzantrel: Could not map main overlay table. %s\n",
+                  error_text(errno));
+    }
+    return nullptr;
+  }
+  return MappedTable(map_fd(fd.get()));
+}
+
+int lock_table(overlay_table* table) {
+  if (!mapped(table)) {
+    return -EINVAL;
+  }
+  int rc = pthread_mutex_lock(table_mutex(table));
+  if (rc == 0) {
+    return kOk;
+  }
+  if (rc == EOWNERDEAD) {
+    // The dead holder may have left a change half done; the tables are
+    // mended before anyone works on them.
+    rc = pthread_mutex_consistent(table_mutex(table));
+    if (rc == 0) {
+      repair_after_owner_death(table);
+      return kOk;
+    }
+    log_message(LOG_ERR, "libzantrel: Table owner died while mutex locked, could not recover.\n");
+    return -rc;
+  }
+  log_message(LOG_ERR, "libzantrel: Table mutex internal error: %s\n", error_text(rc));
+  return -rc;
 }
 
 }  // namespace zantrel::table
 
+using namespace zantrel;         // NOLINT(google-build-using-namespace)
 using namespace zantrel::table;  // NOLINT(google-build-using-namespace)
 using zantrel::log_message;
 
@@ -163,8 +194,7 @@ int overlay_table_init() {
     return -1;
   }
   MappedTable table(map_fd(fd.get()));
-  if (!mapped(table.get())) {
-    table.release();
+  if (!table) {
     return -1;
   }
   if (init_mutex(table.get()) != 0) {
@@ -192,15 +222,8 @@ int overlay_table_exists() {
 }
 
 overlay_table* overlay_table_map() {
-  zantrel::UniqueFd fd(shm_open(kTableName, O_RDWR, kOpenMode));
-  if (!fd) {
-    if (errno != ENOENT) {
-      log_message(LOG_WARNING, "libzantrel: Could not map main overlay table. %s\n",
-                  zantrel::error_text(errno));
-    }
-    return static_cast<overlay_table*>(MAP_FAILED);
-  }
-  return map_fd(fd.get());
+  overlay_table* table = map_table().release();
+  return table != nullptr ? table : static_cast<overlay_table*>(MAP_FAILED);
 }
 
 int overlay_table_unmap(overlay_table* table) {
@@ -211,28 +234,7 @@ int overlay_table_unmap(overlay_table* table) {
   return munmap(table, kTableSize);
 }
 
-int overlay_table_lock(overlay_table* table) {
-  if (!mapped(table)) {
-    return EINVAL;
-  }
-  int rc = pthread_mutex_lock(table_mutex(table));
-  if (rc == 0) {
-    return 0;
-  }
-  if (rc == EOWNERDEAD) {
-    // The dead holder may have left a change half done; the tables are
-    // mended before anyone works on them.
-    rc = pthread_mutex_consistent(table_mutex(table));
-    if (rc == 0) {
-      repair_after_owner_death(table);
-      return 0;
-    }
-    log_message(LOG_ERR, "libzantrel: Table owner died while mutex locked, could not recover.\n");
-    return rc;
-  }
-  log_message(LOG_ERR, "libzantrel: Table mutex internal error: %s\n", zantrel::error_text(rc));
-  return rc;
-}
+int overlay_table_lock(overlay_table* table) { return -lock_table(table); }
 
 int overlay_table_try_lock(overlay_table* table) {
   return mapped(table) ? pthread_mutex_trylock(table_mutex(table)) : EINVAL;

@@ -12,10 +12,10 @@
 #include <new>
 
 #include "common/log.h"
-#include "common/mapping.h"
 #include "kept_overlays.h"
 #include "text.h"
 #include "tokenfill.h"
+#include "zantrel-base/mapping.h"
 
 using zantrel::text::kTextSize;
 
@@ -42,7 +42,8 @@ int32_t local_time_of(const overlay_expansion_params* params) {
 
 modifiable_text_context::~modifiable_text_context() {
   forget_buffers();
-  if (kernel_id != 0) zantrel::device::destroy_or_keep(fd, static_cast<int>(kernel_id));
+  if (zantrel::has_overlay(kernel_id))
+    zantrel::device::destroy_or_keep(fd, static_cast<int>(kernel_id));
 }
 
 void modifiable_text_context::forget_buffers() {
@@ -102,7 +103,7 @@ void modifiable_text_context::gathered_again(bool record_changed) {
   if (record_changed) {
     drawn_size_ = -1;
     expanded_ = false;
-    new_overlay_ = kernel_id != 0;
+    new_overlay_ = zantrel::has_overlay(kernel_id);
   }
   if (render) zantrel::render::reuse_glyph_cache(render.get());
 }
@@ -115,7 +116,8 @@ modifiable_text_context::Drawn modifiable_text_context::draw(
   // render context's em size), so that a text is not drawn again every frame
   // on streams where that size is scaled, truncated or raised to 16.
   const int size = zantrel::text::render_size(t, &stream);
-  const bool look_unchanged = kernel_id != 0 && !new_overlay_ && shows_look_of(t, size);
+  const bool look_unchanged =
+      zantrel::has_overlay(kernel_id) && !new_overlay_ && shows_look_of(t, size);
   if (look_unchanged && expansion_current(t, params)) return {kernel_id, false};
 
   char expanded[kTextSize] = {};
@@ -145,7 +147,7 @@ modifiable_text_context::Drawn modifiable_text_context::draw(
   int id = static_cast<int>(kernel_id);
   uint32_t size_of_buffers = buffer_size_;
   int replaced = 0;
-  if (kernel_id == 0 || pixel_count != pixels || new_overlay_) {
+  if (!zantrel::has_overlay(kernel_id) || pixel_count != pixels || new_overlay_) {
     t.overlay.width = rendered.width;
     t.overlay.height = rendered.height;
     slot.data.width = rendered.content_width;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "common/result.h"
 #include "render.h"
 #include "zantrel.h"
 

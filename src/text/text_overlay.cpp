@@ -8,8 +8,8 @@
 #include <memory>
 
 #include "common/log.h"
-#include "common/mapping.h"
 #include "kept_overlays.h"
+#include "zantrel-base/mapping.h"
 
 namespace zantrel::text {
 namespace {

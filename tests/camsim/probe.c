@@ -5,7 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "cam_ioctl.h"
+#include "zantrel-driver/cam_ioctl.h"
 
 int main(void) {
   internal_overlay rec = {.type = 4, .width = 16, .height = 8, .nbr_buffers = 1};

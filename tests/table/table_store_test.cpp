@@ -5,8 +5,8 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "table_check.h"
 #include "table_test_util.h"
+#include "zantrel-internal/table_check.h"
 
 namespace zantrel::test {
 namespace {

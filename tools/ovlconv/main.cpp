@@ -22,6 +22,8 @@
 #include <vector>
 
 #include "ovl_codec.h"
+#include "zantrel-base/cairo_ptr.h"
+#include "zantrel-base/io.h"
 
 namespace {
 
@@ -74,14 +76,7 @@ std::string system_error(const std::string& what, const std::string& path) {
   return what + " " + path + ": " + std::strerror(errno);
 }
 
-struct SurfaceDeleter {
-  void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-};
-using Surface = std::unique_ptr<cairo_surface_t, SurfaceDeleter>;
-
-struct CairoDeleter {
-  void operator()(cairo_t* cr) const { cairo_destroy(cr); }
-};
+using Surface = zantrel::CairoSurfacePtr;
 
 std::vector<uint8_t> read_file(const std::string& path) {
   std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
@@ -140,7 +135,7 @@ Image read_png(const std::string& path) {
   int height = cairo_image_surface_get_height(png.get());
   Surface argb(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));
   {
-    std::unique_ptr<cairo_t, CairoDeleter> cr(cairo_create(argb.get()));
+    zantrel::CairoPtr cr(cairo_create(argb.get()));
     cairo_set_operator(cr.get(), CAIRO_OPERATOR_SOURCE);
     cairo_set_source_surface(cr.get(), png.get(), 0, 0);
     cairo_paint(cr.get());
@@ -203,16 +198,8 @@ class AtomicOutput {
   }
 
   void write_all(const uint8_t* data, size_t size) {
-    while (size > 0) {
-      ssize_t n = write(fd_, data, size);
-      if (n < 0 && errno == EINTR) {
-        continue;
-      }
-      if (n <= 0) {
-        throw Error(system_error("cannot write", path_));
-      }
-      data += n;
-      size -= static_cast<size_t>(n);
+    if (!zantrel::write_all(fd_, data, size)) {
+      throw Error(system_error("cannot write", path_));
     }
   }
 

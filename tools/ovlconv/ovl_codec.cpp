@@ -4,6 +4,8 @@
 #include <cmath>
 #include <string>
 
+#include "zantrel-base/bt601.h"
+
 namespace ovlconv {
 namespace {
 
@@ -14,20 +16,14 @@ constexpr uint8_t kFormatFull = 1;
 constexpr uint8_t kFormatAlpha = 2;
 constexpr int kNeutral = 128;
 
-struct Ycc {
-  int luma;
-  int cb;  // centred on 0
-  int cr;
-};
+using zantrel::Ycc;
 
-// BT.601 full range in the same 10-bit fixed point as the camera library's
-// loader, so that what this tool writes is what the camera would compute.
+// The camera library's conversion, so that what this tool writes is what the
+// camera would compute.
 Ycc ycc_of(uint32_t argb) {
-  int r = static_cast<int>((argb >> 16) & 0xFF);
-  int g = static_cast<int>((argb >> 8) & 0xFF);
-  int b = static_cast<int>(argb & 0xFF);
-  return {(306 * r + 601 * g + 117 * b) >> 10, (-173 * r - 339 * g + 512 * b) >> 10,
-          (512 * r - 429 * g - 83 * b) >> 10};
+  return zantrel::bt601_ycc(static_cast<int32_t>((argb >> 16) & 0xFF),
+                            static_cast<int32_t>((argb >> 8) & 0xFF),
+                            static_cast<int32_t>(argb & 0xFF));
 }
 
 uint32_t argb_of(int luma, int cb, int cr) {

@@ -15,6 +15,7 @@
 #include "report.h"
 #include "scene.h"
 #include "scene_layout.h"
+#include "session.h"
 #include "tokenfill.h"
 #include "zantrel.h"
 
@@ -33,23 +34,6 @@ struct TokenfillDeleter {
   void operator()(tokenfill_context* context) const { tokenfill_exit(context); }
 };
 using Tokenfill = std::unique_ptr<tokenfill_context, TokenfillDeleter>;
-
-// overlay_attach for the life of the object.
-class Attachment {
- public:
-  Attachment() : fd_(overlay_attach(0)) {}
-  Attachment(const Attachment&) = delete;
-  Attachment& operator=(const Attachment&) = delete;
-  ~Attachment() {
-    if (fd_ >= 0) {
-      overlay_detach();
-    }
-  }
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 struct Stream {
   StreamSize size;
@@ -403,7 +387,7 @@ class Encoder {
   int link_fd_;
   EncoderReport report_;
   // Declared before the contexts, so they are destroyed before the detach.
-  Attachment attachment_;
+  zantrel::tools::LibrarySession attachment_{zantrel::tools::LibrarySession::Role::kAttached};
   Tokenfill tokenfill_;
   std::vector<Stream> streams_;
 };
@@ -421,7 +405,7 @@ int run_encoder(const EncoderConfig& config, int link_fd, int report_fd) {
     report = encoder.report();
   }
   // The contexts and their per-stream overlays are gone; now the report.
-  if (!send_all(report_fd, &report, sizeof report)) {
+  if (!zantrel::write_all(report_fd, &report, sizeof report)) {
     std::fputs("zantrel-vcam: encoder: cannot hand over the report\n", stderr);
   }
   return result;

@@ -12,27 +12,12 @@
 
 namespace vcam {
 
-Fd& Fd::operator=(Fd&& other) noexcept {
-  if (this != &other) {
-    reset();
-    fd_ = std::exchange(other.fd_, -1);
-  }
-  return *this;
-}
-
-void Fd::reset() {
-  if (fd_ >= 0) {
-    close(fd_);
-    fd_ = -1;
-  }
-}
-
 FdPair make_pipe() {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe");
   }
-  return {Fd(fds[0]), Fd(fds[1])};
+  return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
 FdPair make_socket_pair() {
@@ -40,7 +25,7 @@ FdPair make_socket_pair() {
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
     throw std::system_error(errno, std::generic_category(), "socketpair");
   }
-  return {Fd(fds[0]), Fd(fds[1])};
+  return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
 namespace signals {
@@ -189,41 +174,6 @@ Receive receive_byte(int fd, char& byte, bool ignore_stop) {
       return Receive::kError;
     }
   }
-}
-
-bool send_all(int fd, const void* data, size_t size) {
-  const auto* bytes = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t n = write(fd, bytes, size);
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return false;
-    }
-    bytes += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool read_all(int fd, void* data, size_t size) {
-  auto* bytes = static_cast<char*>(data);
-  while (size > 0) {
-    const ssize_t n = read(fd, bytes, size);
-    if (n == 0) {
-      return false;
-    }
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return false;
-    }
-    bytes += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace vcam

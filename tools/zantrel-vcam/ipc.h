@@ -8,30 +8,16 @@
 #include <initializer_list>
 #include <utility>
 
+#include "zantrel-base/io.h"
+#include "zantrel-base/unique_fd.h"
+
 namespace vcam {
 
-// A descriptor closed with its owner.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Fd& operator=(Fd&& other) noexcept;
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  ~Fd() { reset(); }
-
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  void reset();
-
- private:
-  int fd_ = -1;
-};
+using zantrel::UniqueFd;
 
 struct FdPair {
-  Fd read;
-  Fd write;
+  UniqueFd read;
+  UniqueFd write;
 };
 // A pipe (read end, write end); throws std::system_error.
 FdPair make_pipe();
@@ -75,10 +61,8 @@ Wait wait_readable(int fd, int timeout_ms, bool ignore_stop = false);
 enum class Receive { kByte, kEof, kStopped, kError };
 // One byte of fd; waits as wait_readable without limit.
 Receive receive_byte(int fd, char& byte, bool ignore_stop = false);
-// Writes all of data; false when the other end is gone (no SIGPIPE).
-bool send_all(int fd, const void* data, size_t size);
-inline bool send_byte(int fd, char byte) { return send_all(fd, &byte, 1); }
-// Reads exactly size bytes; false on end of file or error.
-bool read_all(int fd, void* data, size_t size);
+// One byte; false when the other end is gone (no SIGPIPE). Longer messages
+// go through zantrel::write_all and zantrel::read_exactly.
+inline bool send_byte(int fd, char byte) { return zantrel::write_all(fd, &byte, 1); }
 
 }  // namespace vcam

@@ -28,7 +28,7 @@ class FrameClock {
   uint64_t wait();
 
  private:
-  Fd timer_;
+  UniqueFd timer_;
 };
 
 using RequestIds = std::array<uint32_t, 8>;

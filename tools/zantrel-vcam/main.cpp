@@ -75,7 +75,7 @@ class DriverClaim {
  public:
   // false, with a message naming the running one, when another holds it.
   bool take(bool serve) {
-    fd_ = Fd(shm_open("/zantrel_vcam_running", O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    fd_ = UniqueFd(shm_open("/zantrel_vcam_running", O_RDWR | O_CREAT | O_CLOEXEC, 0666));
     if (!fd_) {
       std::fprintf(stderr, "zantrel-vcam: cannot open /dev/shm/zantrel_vcam_running: %s\n",
                    std::strerror(errno));
@@ -105,7 +105,7 @@ class DriverClaim {
   }
 
  private:
-  Fd fd_;
+  UniqueFd fd_;
 };
 
 // A private scratch directory, removed with everything in it.
@@ -246,6 +246,192 @@ StreamSize largest(const std::vector<StreamSize>& streams) {
   return size;
 }
 
+// Makes the output folder and empties the driver, as after the camera
+// boots; false (with a message) when either cannot be done.
+bool prepare(const Options& options) {
+  std::error_code error;
+  std::filesystem::create_directories(options.out_dir, error);
+  if (error) {
+    std::fprintf(stderr, "zantrel-vcam: cannot make %s: %s\n", options.out_dir.c_str(),
+                 error.message().c_str());
+    return false;
+  }
+  // Channel 0 must take the largest stream.
+  const StreamSize channel_size = largest(options.streams);
+  if (camsim_reset() != 0 ||
+      camsim_set_resolution(0, channel_size.width, channel_size.height) != 0) {
+    std::fprintf(stderr, "zantrel-vcam: the simulated driver is not reachable: %s\n",
+                 std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// Opens the --y4m file, so that a bad path fails before anything starts (a
+// FIFO waits for its reader); false (with a message) when it cannot.
+bool open_y4m(const Options& options, UniqueFd& file) {
+  if (options.y4m.empty() || options.y4m == "-") {
+    return true;
+  }
+  file = UniqueFd(open(options.y4m.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!file) {
+    std::fprintf(stderr, "zantrel-vcam: cannot open %s: %s\n", options.y4m.c_str(),
+                 std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// Waits for the owner's word that the tables exist; false when it ended,
+// failed or a stop came first.
+bool wait_for_owner(Child& owner, int ready_fd) {
+  while (!signals::stop_requested() && !owner.poll()) {
+    if (wait_readable(ready_fd, 100) == Wait::kReady) {
+      char byte = 0;
+      return read(ready_fd, &byte, 1) == 1;
+    }
+  }
+  return false;
+}
+
+// What the application and the encoder need of the run, and the
+// supervisor's descriptors that they must not hold open.
+struct Run {
+  const Options& options;
+  const std::string& work_dir;
+  const Timeline& timeline;
+  pid_t owner_pid;
+  int y4m_fd;    // where the video goes, -1 for nowhere
+  int y4m_file;  // the file opened for it, -1 for none
+  std::vector<int> supervisor_fds;
+};
+
+// What the application and the encoder left when they ended.
+struct Outcome {
+  EncoderReport report{};
+  bool have_report = false;
+  int app_code = 0;
+  int encoder_code = 0;
+};
+
+EncoderConfig encoder_config(const Run& run, pid_t application_pid, bool with_scene) {
+  EncoderConfig config;
+  config.streams = run.options.streams;
+  config.timeline = run.timeline;
+  config.out_dir = run.options.out_dir;
+  config.owner_pid = run.owner_pid;
+  config.application_pid = application_pid;
+  config.live = run.options.serve;
+  config.scene = with_scene;
+  config.y4m_fd = run.y4m_fd;
+  config.y4m_stream = run.options.y4m_stream;
+  config.work_dir = run.work_dir;
+  return config;
+}
+
+// Passes a stop and picture requests on until the application (if any) and
+// the encoder have ended.
+void forward_signals(std::optional<Child>& app, Child& encoder) {
+  bool forwarded = false;
+  while (!(app ? app->poll() : true) || !encoder.poll()) {
+    if (signals::stop_requested() && !forwarded) {
+      // Ctrl-C on a terminal reaches them too; a kill of this process
+      // alone does not.
+      if (app) {
+        app->stop();
+      }
+      encoder.stop();
+      forwarded = true;
+    }
+    if (signals::take_picture_request() && encoder.running()) {
+      kill(encoder.pid(), SIGUSR1);
+    }
+    // Every signal, a child's end included, writes to the wake-up pipe.
+    wait_readable(signals::wake_fd(), -1, /*ignore_stop=*/true);
+    signals::drain();
+  }
+}
+
+// Runs the application (when there is a scene) and the encoder to their end.
+Outcome run_camera(Run run) {
+  FdPair link = make_socket_pair();
+  FdPair report_pipe = make_pipe();
+  run.supervisor_fds.push_back(report_pipe.read.get());
+  SceneConfig scene{run.options.streams, run.work_dir, find_logo(), find_ovlconv()};
+  std::vector<int> app_closes = run.supervisor_fds;
+  app_closes.insert(app_closes.end(), {link.write.get(), report_pipe.write.get()});
+  if (run.y4m_file >= 0) {
+    app_closes.push_back(run.y4m_file);
+  }
+  const bool with_scene = !run.options.serve || run.options.demo;
+  std::optional<Child> app;
+  if (with_scene) {
+    app.emplace(
+        "application", [&] { return run_application(scene, link.read.get()); }, app_closes);
+  }
+  const EncoderConfig config = encoder_config(run, app ? app->pid() : 0, with_scene);
+  std::vector<int> encoder_closes = run.supervisor_fds;
+  encoder_closes.push_back(link.read.get());
+  Child encoder(
+      "encoder", [&] { return run_encoder(config, link.write.get(), report_pipe.write.get()); },
+      encoder_closes);
+  link.read.reset();
+  link.write.reset();
+  report_pipe.write.reset();
+
+  forward_signals(app, encoder);
+  Outcome outcome;
+  outcome.have_report =
+      zantrel::read_exactly(report_pipe.read.get(), &outcome.report, sizeof outcome.report);
+  outcome.app_code = app ? app->exit_code() : 0;
+  outcome.encoder_code = encoder.exit_code();
+  return outcome;
+}
+
+// The contact sheet and the summary, or what was left behind; whether
+// nothing was.
+bool report_run(const Options& options, const Timeline& timeline, const Outcome& outcome,
+                bool stopped, std::chrono::steady_clock::time_point start, std::FILE* out) {
+  const Leftovers leftovers = find_leftovers();
+  bool sheet = false;
+  if (outcome.have_report && !options.serve && !stopped && outcome.encoder_code == 0 &&
+      outcome.report.pictures > 0) {
+    sheet = write_contact_sheet(options.out_dir, options.streams, timeline.captures,
+                                timeline.change_frame);
+  }
+  const double wall =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (outcome.have_report) {
+    print_summary(out, outcome.report, options.streams, leftovers, wall, options.out_dir, sheet);
+  } else if (!leftovers.tables.empty() || leftovers.live_overlays != 0) {
+    std::fprintf(stderr, "zantrel-vcam: left behind: %d hardware overlays, %zu shared tables\n",
+                 leftovers.live_overlays, leftovers.tables.size());
+  }
+  return leftovers.tables.empty() && leftovers.live_overlays == 0;
+}
+
+// The exit status of a run that cleaned up.
+int exit_status(const Options& options, const Outcome& outcome, bool owner_up, int owner_code,
+                bool stopped) {
+  if (stopped) {
+    std::fprintf(stderr, "zantrel-vcam: stopped by signal %d; cleaned up\n",
+                 signals::stop_signal());
+    // Live, a stop is how a run ends.
+    const bool app_ok = outcome.app_code == 0 || outcome.app_code == kExitStopped;
+    if (!options.serve || !owner_up || owner_code != 0 || !app_ok || outcome.encoder_code != 0) {
+      return 128 + signals::stop_signal();
+    }
+    return 0;
+  }
+  const bool ok_codes = owner_code == 0 && outcome.app_code == 0 && outcome.encoder_code == 0;
+  if (!owner_up || !ok_codes || !outcome.have_report) {
+    std::fprintf(stderr, "zantrel-vcam: failed (owner %d, application %d, encoder %d)\n",
+                 owner_code, outcome.app_code, outcome.encoder_code);
+    return kExitFailure;
+  }
+  return 0;
+}
+
 int supervise(const Options& options) {
   const auto start = std::chrono::steady_clock::now();
   // First, so that a stop from now on ends the run through its cleanup.
@@ -256,40 +442,16 @@ int supervise(const Options& options) {
     setenv("ZANTREL_LOG_STDERR", "1", 0);
   }
   DriverClaim claim;
-  if (!claim.take(options.serve)) {
-    return kExitFailure;
-  }
-  std::error_code error;
-  std::filesystem::create_directories(options.out_dir, error);
-  if (error) {
-    std::fprintf(stderr, "zantrel-vcam: cannot make %s: %s\n", options.out_dir.c_str(),
-                 error.message().c_str());
-    return kExitFailure;
-  }
-  // The driver starts empty, as after the camera boots; channel 0 must take
-  // the largest stream.
-  const StreamSize channel_size = largest(options.streams);
-  if (camsim_reset() != 0 ||
-      camsim_set_resolution(0, channel_size.width, channel_size.height) != 0) {
-    std::fprintf(stderr, "zantrel-vcam: the simulated driver is not reachable: %s\n",
-                 std::strerror(errno));
+  if (!claim.take(options.serve) || !prepare(options)) {
     return kExitFailure;
   }
   const TempDir work;
   const Timeline timeline = make_timeline(options.serve ? 1 : options.seconds, options.soak);
-  // Opened here, so that a bad path fails before anything starts; a FIFO
-  // waits for its reader.
-  Fd y4m_file;
-  if (!options.y4m.empty() && options.y4m != "-") {
-    y4m_file = Fd(open(options.y4m.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!y4m_file) {
-      std::fprintf(stderr, "zantrel-vcam: cannot open %s: %s\n", options.y4m.c_str(),
-                   std::strerror(errno));
-      return signals::stop_requested() ? 128 + signals::stop_signal() : kExitFailure;
-    }
+  UniqueFd y4m_file;
+  if (!open_y4m(options, y4m_file)) {
+    return signals::stop_requested() ? 128 + signals::stop_signal() : kExitFailure;
   }
   const int y4m_fd = options.y4m.empty() ? -1 : options.y4m == "-" ? STDOUT_FILENO : y4m_file.get();
-  std::FILE* const summary_out = y4m_fd == STDOUT_FILENO ? stderr : stdout;
 
   FdPair owner_ready = make_pipe();
   FdPair owner_quit = make_pipe();
@@ -301,126 +463,31 @@ int supervise(const Options& options) {
   owner_quit.read.reset();
   // Declared after the owner, so that on an early return or exception it is
   // closed before ~Child waits for the owner, which deinits on seeing it go.
-  Fd owner_quit_write = std::move(owner_quit.write);
+  UniqueFd owner_quit_write = std::move(owner_quit.write);
 
   // The tables must exist before anyone attaches.
-  bool owner_up = false;
-  while (!owner_up && !signals::stop_requested() && !owner.poll()) {
-    if (wait_readable(owner_ready.read.get(), 100) == Wait::kReady) {
-      char byte = 0;
-      owner_up = read(owner_ready.read.get(), &byte, 1) == 1;
-      if (!owner_up) {
-        break;
-      }
-    }
-  }
-
-  EncoderReport report;
-  bool have_report = false;
-  int app_code = 0;
-  int encoder_code = 0;
+  const bool owner_up = wait_for_owner(owner, owner_ready.read.get());
+  Outcome outcome;
   if (owner_up && !signals::stop_requested()) {
-    FdPair link = make_socket_pair();
-    FdPair report_pipe = make_pipe();
-    const std::vector<int> supervisor_fds{owner_ready.read.get(), owner_quit_write.get(),
-                                          report_pipe.read.get()};
-    SceneConfig scene{options.streams, work.path(), find_logo(), find_ovlconv()};
-    std::vector<int> app_closes = supervisor_fds;
-    app_closes.insert(app_closes.end(), {link.write.get(), report_pipe.write.get()});
-    if (y4m_file) {
-      app_closes.push_back(y4m_file.get());
-    }
-    const bool with_scene = !options.serve || options.demo;
-    std::optional<Child> app;
-    if (with_scene) {
-      app.emplace(
-          "application", [&] { return run_application(scene, link.read.get()); }, app_closes);
-    }
-    EncoderConfig encoder_config;
-    encoder_config.streams = options.streams;
-    encoder_config.timeline = timeline;
-    encoder_config.out_dir = options.out_dir;
-    encoder_config.owner_pid = owner.pid();
-    encoder_config.application_pid = app ? app->pid() : 0;
-    encoder_config.live = options.serve;
-    encoder_config.scene = with_scene;
-    encoder_config.y4m_fd = y4m_fd;
-    encoder_config.y4m_stream = options.y4m_stream;
-    encoder_config.work_dir = work.path();
-    std::vector<int> encoder_closes = supervisor_fds;
-    encoder_closes.push_back(link.read.get());
-    Child encoder(
-        "encoder",
-        [&] { return run_encoder(encoder_config, link.write.get(), report_pipe.write.get()); },
-        encoder_closes);
-    link.read.reset();
-    link.write.reset();
-    report_pipe.write.reset();
-
-    bool forwarded = false;
-    while (!(app ? app->poll() : true) || !encoder.poll()) {
-      if (signals::stop_requested() && !forwarded) {
-        // Ctrl-C on a terminal reaches them too; a kill of this process
-        // alone does not.
-        if (app) {
-          app->stop();
-        }
-        encoder.stop();
-        forwarded = true;
-      }
-      if (signals::take_picture_request() && encoder.running()) {
-        kill(encoder.pid(), SIGUSR1);
-      }
-      // Every signal, a child's end included, writes to the wake-up pipe.
-      wait_readable(signals::wake_fd(), -1, /*ignore_stop=*/true);
-      signals::drain();
-    }
-    have_report = read_all(report_pipe.read.get(), &report, sizeof report);
-    app_code = app ? app->exit_code() : 0;
-    encoder_code = encoder.exit_code();
+    outcome = run_camera(Run{options,
+                             work.path(),
+                             timeline,
+                             owner.pid(),
+                             y4m_fd,
+                             y4m_file ? y4m_file.get() : -1,
+                             {owner_ready.read.get(), owner_quit_write.get()}});
   }
 
   // Only now, with nobody attached, may the tables go.
   owner_quit_write.reset();
   owner.wait();
   const bool stopped = signals::stop_requested();
-
-  const Leftovers leftovers = find_leftovers();
-  bool sheet = false;
-  if (have_report && !options.serve && !stopped && encoder_code == 0 && report.pictures > 0) {
-    sheet = write_contact_sheet(options.out_dir, options.streams, timeline.captures,
-                                timeline.change_frame);
-  }
-  const double wall =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  if (have_report) {
-    print_summary(summary_out, report, options.streams, leftovers, wall, options.out_dir, sheet);
-  } else if (!leftovers.tables.empty() || leftovers.live_overlays != 0) {
-    std::fprintf(stderr, "zantrel-vcam: left behind: %d hardware overlays, %zu shared tables\n",
-                 leftovers.live_overlays, leftovers.tables.size());
-  }
-  const bool clean = leftovers.tables.empty() && leftovers.live_overlays == 0;
-  if (!clean) {
+  std::FILE* const summary_out = y4m_fd == STDOUT_FILENO ? stderr : stdout;
+  if (!report_run(options, timeline, outcome, stopped, start, summary_out)) {
     std::fputs("zantrel-vcam: the overlay system was not cleaned up\n", stderr);
     return kExitFailure;
   }
-  if (stopped) {
-    std::fprintf(stderr, "zantrel-vcam: stopped by signal %d; cleaned up\n",
-                 signals::stop_signal());
-    // Live, a stop is how a run ends.
-    const bool app_ok = app_code == 0 || app_code == kExitStopped;
-    if (!options.serve || !owner_up || owner.exit_code() != 0 || !app_ok || encoder_code != 0) {
-      return 128 + signals::stop_signal();
-    }
-    return 0;
-  }
-  const bool ok_codes = owner.exit_code() == 0 && app_code == 0 && encoder_code == 0;
-  if (!owner_up || !ok_codes || !have_report) {
-    std::fprintf(stderr, "zantrel-vcam: failed (owner %d, application %d, encoder %d)\n",
-                 owner.exit_code(), app_code, encoder_code);
-    return kExitFailure;
-  }
-  return 0;
+  return exit_status(options, outcome, owner_up, owner.exit_code(), stopped);
 }
 
 }  // namespace

@@ -7,29 +7,12 @@
 #include <vector>
 
 #include "ipc.h"
+#include "session.h"
 #include "zantrel.h"
 
 namespace vcam {
 
 namespace {
-
-// overlay_init for the life of the object.
-class OwnerSession {
- public:
-  OwnerSession() : fd_(overlay_init(0)) {}
-  OwnerSession(const OwnerSession&) = delete;
-  OwnerSession& operator=(const OwnerSession&) = delete;
-  ~OwnerSession() {
-    if (fd_ >= 0 && overlay_deinit() != 0) {
-      std::fputs("zantrel-vcam: owner: overlay_deinit failed\n", stderr);
-    }
-  }
-  bool ok() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Destroys the overlays that are still in the table, with their hardware
 // overlays: what programs left when they ended. Their handles, rising.
@@ -40,6 +23,7 @@ std::vector<int> destroy_leftovers() {
     return handles;
   }
   if (overlay_table_lock(table) == 0) {
+    // NOLINTNEXTLINE(modernize-loop-convert): the index gives the handle
     for (int index = 0; index < OVERLAY_MAX_HANDLES; ++index) {
       if (table->entries[index].in_use != 0) {
         handles.push_back(index + 1);
@@ -59,7 +43,8 @@ std::vector<int> destroy_leftovers() {
 }  // namespace
 
 int run_owner(int ready_fd, int quit_fd, bool destroy_left_overlays) {
-  OwnerSession session;
+  zantrel::tools::LibrarySession session(zantrel::tools::LibrarySession::Role::kOwner,
+                                         "zantrel-vcam: owner");
   if (!session.ok()) {
     std::fprintf(stderr, "zantrel-vcam: owner: overlay_init(0) returned %d\n", session.fd());
     return 1;

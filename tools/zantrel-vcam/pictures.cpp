@@ -7,19 +7,14 @@
 #include <memory>
 
 #include "camsim.h"
+#include "zantrel-base/cairo_ptr.h"
 
 namespace vcam {
 
 namespace {
 
-struct SurfaceDeleter {
-  void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
-};
-using Surface = std::unique_ptr<cairo_surface_t, SurfaceDeleter>;
-struct ContextDeleter {
-  void operator()(cairo_t* cr) const { cairo_destroy(cr); }
-};
-using Context = std::unique_ptr<cairo_t, ContextDeleter>;
+using Surface = zantrel::CairoSurfacePtr;
+using Context = zantrel::CairoPtr;
 
 constexpr double kCellWidth = 400;
 constexpr double kCellHeight = 225;  // 16:9; other shapes are fitted inside

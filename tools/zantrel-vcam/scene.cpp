@@ -17,6 +17,8 @@
 #include "ipc.h"
 #include "scene_layout.h"
 #include "scene_pixels.h"
+#include "session.h"
+#include "zantrel-base/mapping.h"
 #include "zantrel.h"
 
 extern char** environ;
@@ -51,51 +53,18 @@ int check_handle(const char* what, int result) {
   return result;
 }
 
-// overlay_attach for the life of the object.
-class Attachment {
- public:
-  Attachment() : fd_(overlay_attach(0)) {}
-  Attachment(const Attachment&) = delete;
-  Attachment& operator=(const Attachment&) = delete;
-  ~Attachment() {
-    if (fd_ >= 0 && overlay_detach() != 0) {
-      std::fputs("zantrel-vcam: application: overlay_detach failed\n", stderr);
-    }
-  }
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // One overlay buffer of the device mapped into this process.
-class MappedBuffer {
- public:
-  MappedBuffer(int fd, int32_t offset, size_t size)
-      : size_(size), data_(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset)) {
-    if (data_ == MAP_FAILED) {
-      throw std::runtime_error(std::string("mmap of an overlay buffer: ") + std::strerror(errno));
-    }
-  }
-  MappedBuffer(const MappedBuffer&) = delete;
-  MappedBuffer& operator=(const MappedBuffer&) = delete;
-  ~MappedBuffer() { munmap(data_, size_); }
-  std::span<uint8_t> bytes() { return {static_cast<uint8_t*>(data_), size_}; }
-  std::span<uint32_t> words() { return {static_cast<uint32_t*>(data_), size_ / 4}; }
-
- private:
-  size_t size_;
-  void* data_;
-};
-
 // The buffer cycle of a plain overlay: get a free buffer, paint it, submit.
 void paint_overlay(int handle, uint32_t buffer_size,
-                   const std::function<void(MappedBuffer&)>& paint) {
+                   const std::function<void(std::span<uint8_t>)>& paint) {
   int32_t offset = 0;
   check("overlay_get_buffer", overlay_get_buffer(handle, &offset));
   {
-    MappedBuffer buffer(o_get_fd(), offset, buffer_size);
-    paint(buffer);
+    const zantrel::Mapping buffer(o_get_fd(), buffer_size, PROT_READ | PROT_WRITE, offset);
+    if (!buffer) {
+      throw std::runtime_error(std::string("mmap of an overlay buffer: ") + std::strerror(errno));
+    }
+    paint(buffer.span());
   }
   check("overlay_submit_buffer", overlay_submit_buffer(handle, offset, 0));
 }
@@ -117,6 +86,7 @@ void convert_logo(const std::string& ovlconv, const std::string& png, const std:
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
   std::vector<std::string> args{ovlconv, "to-ovl", png, ovl};
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (auto& arg : args) {
     argv.push_back(arg.data());
   }
@@ -209,6 +179,8 @@ class Scene {
   Scene& operator=(const Scene&) = delete;
   ~Scene() {
     // Newest first, so nothing refers to an overlay already gone.
+    // (Clang 14 cannot read libstdc++ 12's std::views::reverse.)
+    // NOLINTNEXTLINE(modernize-loop-convert)
     for (auto it = owned_.rbegin(); it != owned_.rend(); ++it) {
       if (it->destroy(it->handle) < 0) {
         std::fprintf(stderr, "zantrel-vcam: application: could not destroy overlay %d\n",
@@ -284,8 +256,8 @@ class Scene {
                    L::kStreamOverlayPriority, normalized(L::kSwatchX, L::kSwatchY), 1);
     const int swatch_handle =
         keep_plain(check_handle("overlay_create(swatches)", overlay_create(&swatches)));
-    paint_overlay(swatch_handle, swatches.buffer_size, [](MappedBuffer& buffer) {
-      paint_swatches(buffer.bytes(), L::kSwatchWidth, L::kSwatchHeight, L::kSwatchCellWidth);
+    paint_overlay(swatch_handle, swatches.buffer_size, [](std::span<uint8_t> buffer) {
+      paint_swatches(buffer, L::kSwatchWidth, L::kSwatchHeight, L::kSwatchCellWidth);
     });
     add_to_stream_if_present(swatch_handle, L::kSwatchStream, "swatches");
     stop_point();
@@ -372,8 +344,11 @@ class Scene {
   }
 
   void paint_plain(uint32_t color) {
-    paint_overlay(plain_handle_, plain_.buffer_size, [color](MappedBuffer& buffer) {
-      paint_framed(buffer.words(), L::kPlainWidth, L::kPlainHeight, color, L::kPlainBorderColor,
+    paint_overlay(plain_handle_, plain_.buffer_size, [color](std::span<uint8_t> buffer) {
+      // Overlay buffers are page-aligned: their words can be written in place.
+      const std::span<uint32_t> words(static_cast<uint32_t*>(static_cast<void*>(buffer.data())),
+                                      buffer.size() / 4);
+      paint_framed(words, L::kPlainWidth, L::kPlainHeight, color, L::kPlainBorderColor,
                    L::kPlainBorder);
     });
   }
@@ -394,7 +369,8 @@ class Scene {
 
 int run_application(const SceneConfig& config, int link_fd) {
   try {
-    Attachment attachment;
+    const zantrel::tools::LibrarySession attachment(zantrel::tools::LibrarySession::Role::kAttached,
+                                                    "zantrel-vcam: application");
     if (attachment.fd() < 0) {
       std::fprintf(stderr, "zantrel-vcam: application: overlay_attach(0) returned %d\n",
                    attachment.fd());

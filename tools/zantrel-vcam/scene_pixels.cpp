@@ -84,7 +84,7 @@ void paint_swatches(std::span<uint8_t> buffer, uint32_t width, uint32_t height,
       const auto index = [&](uint32_t column) {
         return static_cast<uint8_t>((column / cell_width) & 0x0F);
       };
-      const uint8_t byte = static_cast<uint8_t>(index(x) | index(x + 1) << 4);
+      const auto byte = static_cast<uint8_t>(index(x) | index(x + 1) << 4);
       const size_t at = (static_cast<size_t>(y) * width + x) / 2;
       buffer[at] = byte;
       buffer[half + at] = static_cast<uint8_t>(byte << 4 | byte >> 4);

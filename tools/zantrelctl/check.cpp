@@ -1,16 +1,18 @@
-#include "check.h"
+#include "commands.h"
 
 #include <sys/mman.h>
 
+#include <array>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
-#include "table.h"
-#include "table_check.h"
+#include "options.h"
+#include "zantrel-internal/table_check.h"
 
 namespace zantrelctl {
 namespace {
@@ -48,30 +50,6 @@ std::string place_name(const Finding& f) {
       break;
   }
   return "overlay " + std::to_string(f.handle);
-}
-
-const char* kind_name(Fault fault) {
-  switch (fault) {
-    case Fault::kBadEntry:
-      return "unsound_entry";
-    case Fault::kBadSetValue:
-      return "no_such_entry";
-    case Fault::kFreeMember:
-      return "free_member";
-    case Fault::kDuplicateMember:
-      return "duplicate_member";
-    case Fault::kMemberAfterGap:
-      return "member_after_gap";
-    case Fault::kShortStreamTable:
-      return "short_stream_table";
-    case Fault::kBadActive:
-      return "bad_active_flag";
-    case Fault::kInactiveMembers:
-      return "inactive_stream_member";
-    case Fault::kLowStreamCount:
-      return "low_stream_count";
-  }
-  return "unknown";
 }
 
 // The problem in words a field engineer reads, and what a repair does.
@@ -125,14 +103,18 @@ void collect(const Finding& finding, void* context) {
 int check_command(int argc, char** argv) {
   bool json = false;
   bool repair = false;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--json") == 0) {
-      json = true;
-    } else if (std::strcmp(argv[i], "--repair") == 0) {
-      repair = true;
-    } else {
-      return usage(("unknown argument '" + std::string(argv[i]) + "'").c_str());
-    }
+  auto flag = [](bool& set) {
+    return [&set](const char*) -> std::optional<std::string> {
+      set = true;
+      return std::nullopt;
+    };
+  };
+  const std::array options{zantrel::tools::Option{"json", 0, false, flag(json)},
+                           zantrel::tools::Option{"repair", 0, false, flag(repair)}};
+  const zantrel::tools::Parsed parsed = zantrel::tools::parse_options(argc, argv, options);
+  if (!parsed) return usage(parsed.error.c_str());
+  if (!parsed.operands.empty()) {
+    return usage(("unknown argument '" + std::string(parsed.operands.front()) + "'").c_str());
   }
 
   overlay_table* table = overlay_table_map();
@@ -156,7 +138,7 @@ int check_command(int argc, char** argv) {
   findings.reserve(64);
   zantrel::table::check_tables(table, repair, collect, &findings);
   if (repair && !findings.empty()) {
-    zantrel::table::raise_version(table->version);  // every encoder gathers again
+    zantrel::table::mark_mended(table);  // every encoder gathers again
   }
   overlay_table_unlock(table);
   overlay_table_unmap(table);
@@ -164,8 +146,9 @@ int check_command(int argc, char** argv) {
   if (json) {
     nlohmann::json problems = nlohmann::json::array();
     for (const Finding& f : findings) {
-      nlohmann::json item{
-          {"kind", kind_name(f.fault)}, {"where", place_name(f)}, {"message", describe(f)}};
+      nlohmann::json item{{"kind", zantrel::table::names_of(f.fault).name},
+                          {"where", place_name(f)},
+                          {"message", describe(f)}};
       if (f.handle > 0) item["handle"] = f.handle;
       if (f.place >= 0) item["place"] = f.place + 1;
       problems.push_back(item);

@@ -3,16 +3,25 @@
 //   zantrelctl check [--json] [--repair]
 //   zantrelctl render-text [options] -o OUT.png TEXT
 //   zantrelctl snapshot --stream N --size WxH -o OUT.png
+#include <array>
 #include <cstdio>
-#include <cstring>
-#include <string>
+#include <string_view>
 
-#include "check.h"
-#include "render_preview.h"
-#include "snapshot.h"
-#include "stream_picture.h"
+#include "commands.h"
 
 namespace {
+
+struct Command {
+  std::string_view name;
+  int (*run)(int argc, char** argv);
+};
+
+constexpr std::array kCommands{
+    Command{"show", zantrelctl::show_command},
+    Command{"check", zantrelctl::check_command},
+    Command{"render-text", zantrelctl::render_text_command},
+    Command{"snapshot", zantrelctl::snapshot_command},
+};
 
 int usage() {
   std::fputs(
@@ -27,32 +36,10 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc >= 2 && std::strcmp(argv[1], "snapshot") == 0) {
-    return zantrelctl::snapshot_command(argc - 1, argv + 1);
+  if (argc >= 2) {
+    for (const Command& command : kCommands) {
+      if (command.name == argv[1]) return command.run(argc - 1, argv + 1);
+    }
   }
-  if (argc >= 2 && std::strcmp(argv[1], "render-text") == 0) {
-    return zantrelctl::render_text_command(argc - 1, argv + 1);
-  }
-  if (argc >= 2 && std::strcmp(argv[1], "check") == 0) {
-    return zantrelctl::check_command(argc - 1, argv + 1);
-  }
-  if (argc < 2 || std::strcmp(argv[1], "show") != 0 || argc > 3) {
-    return usage();
-  }
-  bool json = argc == 3 && std::strcmp(argv[2], "--json") == 0;
-  if (argc == 3 && !json) {
-    return usage();
-  }
-  std::optional<zantrelctl::Snapshot> snapshot = zantrelctl::take_snapshot();
-  if (!snapshot) {
-    std::fputs(
-        "zantrelctl: no overlay table: the overlay library is not initialised "
-        "(/dev/shm/ovl_table)\n",
-        stderr);
-    return 1;
-  }
-  std::string text =
-      json ? zantrelctl::to_json(*snapshot).dump(2) + "\n" : zantrelctl::to_text(*snapshot);
-  std::fputs(text.c_str(), stdout);
-  return 0;
+  return usage();
 }

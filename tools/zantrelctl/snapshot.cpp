@@ -1,211 +1,163 @@
-#include "snapshot.h"
+#include "commands.h"
 
-#include <glob.h>
-#include <sys/mman.h>
+#include <sys/time.h>
+#include <unistd.h>
 
-#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <sstream>
+#include <optional>
+#include <string>
+
+#include "camsim.h"
+#include "options.h"
+#include "tokenfill.h"
+#include "zantrel.h"
 
 namespace zantrelctl {
 namespace {
 
-const char* type_name(int32_t type) {
-  switch (type) {
-    case OVERLAY_TYPE_PLAIN:
-      return "plain";
-    case OVERLAY_TYPE_TEXT:
-      return "text";
-    case OVERLAY_TYPE_MODIFIABLE_TEXT:
-      return "modifiable text";
-    case OVERLAY_TYPE_IMAGE:
-      return "image";
-    case OVERLAY_TYPE_SCALABLE_IMAGE:
-      return "scalable image";
-    default:
-      return "unknown";
-  }
+struct Options {
+  long stream = -1;
+  long channel = 0;
+  long width = 0;
+  long height = 0;
+  const char* output = nullptr;
+};
+
+int usage() {
+  std::fputs(
+      "usage: zantrelctl snapshot --stream N --size WxH [--channel C] -o OUT.png\n"
+      "  Composes what stream N of channel C (default 0) shows now, at WxH pixels, as\n"
+      "  an encoder would, in a stream context of its own; a running encoder is not\n"
+      "  disturbed. Needs a running overlay system on the simulated driver\n"
+      "  (zantrel-vcam --serve).\n"
+      "  A scrolling text is shown at its start: how far it has scrolled is kept in\n"
+      "  the running encoder's own stream context, which another process cannot see.\n"
+      "  For the running encoder's own pictures, kill -USR1 the zantrel-vcam --serve\n"
+      "  (its pid is on its first line) and read OUT/streamN-WxH.png.\n",
+      stderr);
+  return 2;
 }
 
-// Handles of the members of a set; empty places are left out.
-std::vector<int> members(const int8_t* set, int places) {
-  std::vector<int> handles;
-  for (int i = 0; i < places; ++i) {
-    if (set[i] >= 0) {
-      handles.push_back(set[i] + 1);
+bool parse_long(const char* text, long low, long high, long* value, char stop = '\0') {
+  char* end = nullptr;
+  errno = 0;
+  *value = std::strtol(text, &end, 10);
+  return errno == 0 && end != text && *end == stop && *value >= low && *value <= high;
+}
+
+bool parse(int argc, char** argv, Options* o) {
+  using zantrel::tools::Option;
+  auto number = [](long low, long high, long& out, const char* what) {
+    return [=, &out](const char* value) -> std::optional<std::string> {
+      if (parse_long(value, low, high, &out)) return std::nullopt;
+      return std::string("bad ") + what + " \"" + value + "\": a number from " +
+             std::to_string(low) + " to " + std::to_string(high);
+    };
+  };
+  const std::array options{
+      Option{"stream", 0, true, number(0, 255, o->stream, "stream")},
+      Option{"channel", 0, true, number(0, OVERLAY_NBR_CHANNELS - 1, o->channel, "channel")},
+      Option{"size", 0, true,
+             [o](const char* value) -> std::optional<std::string> {
+               const char* x = std::strchr(value, 'x');
+               if (x == nullptr || !parse_long(value, 1, 8192, &o->width, 'x') ||
+                   !parse_long(x + 1, 1, 8192, &o->height)) {
+                 return std::string("bad size \"") + value + "\": WxH, sides from 1 to 8192";
+               }
+               return std::nullopt;
+             }},
+      Option{"output", 'o', true,
+             [o](const char* value) -> std::optional<std::string> {
+               o->output = value;
+               return std::nullopt;
+             }},
+  };
+  const zantrel::tools::Parsed parsed = zantrel::tools::parse_options(argc, argv, options);
+  if (!parsed) {
+    std::fprintf(stderr, "zantrelctl: %s\n", parsed.error.c_str());
+    return false;
+  }
+  if (!parsed.operands.empty()) {
+    std::fprintf(stderr, "zantrelctl: unexpected argument \"%s\"\n", parsed.operands.front());
+    return false;
+  }
+  const char* missing = o->stream < 0 ? "--stream" : o->width == 0 ? "--size" : nullptr;
+  if (missing == nullptr && o->output == nullptr) missing = "-o";
+  if (missing != nullptr) {
+    std::fprintf(stderr, "zantrelctl: snapshot needs %s\n", missing);
+    return false;
+  }
+  return true;
+}
+
+int compose(const Options& o, int fd, const std::string& scratch) {
+  constexpr uint32_t kAllOverlays =
+      OVERLAY_FILTER_LEGACY | OVERLAY_FILTER_NON_LEGACY | OVERLAY_FILTER_PLAIN;
+  overlay_stream_context* context = overlay_stream_context_create(
+      fd, static_cast<unsigned>(o.channel), static_cast<unsigned>(o.stream), 0,
+      static_cast<uint32_t>(o.width), static_cast<uint32_t>(o.height), kAllOverlays);
+  tokenfill_context* expansion = tokenfill_init();
+  if (context == nullptr || expansion == nullptr) {
+    std::fputs("zantrelctl: cannot make a stream context\n", stderr);
+    overlay_stream_context_destroy(context);
+    tokenfill_exit(expansion);
+    return -1;
+  }
+  // Local time, as the live encoder draws its clocks.
+  expansion->use_local_time = 1;
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  const overlay_expansion_params params{expansion, &now};
+  overlay_encreq request{};
+  int drawn = overlay_setup_in_encreq(context, &request, &params);
+  if (drawn == 0) {
+    drawn = camsim_compose(request.overlay_ids, static_cast<int>(o.width),
+                           static_cast<int>(o.height), scratch.c_str());
+    if (drawn < 0) {
+      std::fprintf(stderr, "zantrelctl: cannot write %s: %s\n", o.output, std::strerror(errno));
     }
   }
-  return handles;
-}
-
-std::string join(const std::vector<int>& handles) {
-  if (handles.empty()) {
-    return "-";
-  }
-  std::string text;
-  for (int handle : handles) {
-    if (!text.empty()) {
-      text += ' ';
-    }
-    text += std::to_string(handle);
-  }
-  return text;
-}
-
-uint32_t argb_of(const overlay_palette_color& color) {
-  return static_cast<uint32_t>(color.alpha) << 24 | static_cast<uint32_t>(color.red) << 16 |
-         static_cast<uint32_t>(color.green) << 8 | color.blue;
-}
-
-std::string hex(uint32_t value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", value);
-  return text;
-}
-
-std::vector<StreamSnapshot> read_streams() {
-  std::vector<StreamSnapshot> streams;
-  glob_t found{};
-  if (glob("/dev/shm/ovl_strm_*", 0, nullptr, &found) == 0) {
-    for (std::size_t i = 0; i < found.gl_pathc; ++i) {
-      int stream = 0;
-      char rest = 0;
-      if (std::sscanf(found.gl_pathv[i], "/dev/shm/ovl_strm_%d%c", &stream, &rest) != 1) {
-        continue;
-      }
-      overlay_stream_table* mapped = overlay_table_map_stream(stream);
-      if (mapped == MAP_FAILED) {
-        continue;
-      }
-      streams.push_back({stream, *mapped});
-      overlay_table_unmap_stream(mapped);
-    }
-  }
-  globfree(&found);
-  std::sort(streams.begin(), streams.end(),
-            [](const StreamSnapshot& a, const StreamSnapshot& b) { return a.stream < b.stream; });
-  return streams;
+  overlay_stream_context_destroy(context);
+  tokenfill_exit(expansion);
+  return drawn;
 }
 
 }  // namespace
 
-std::optional<Snapshot> take_snapshot() {
-  overlay_table* mapped = overlay_table_map();
-  if (mapped == MAP_FAILED) {
-    return std::nullopt;
+int snapshot_command(int argc, char** argv) {
+  Options options;
+  if (!parse(argc, argv, &options)) return usage();
+  const int fd = overlay_attach(0);
+  if (fd < 0) {
+    std::fputs(
+        "zantrelctl: no overlay system to look at: start its owner first, e.g. "
+        "zantrel-vcam --serve\n",
+        stderr);
+    return 1;
   }
-  Snapshot snapshot{std::make_unique<overlay_table>(), {}};
-  bool locked = overlay_table_lock(mapped) == 0;
-  if (locked) {
-    // Stream sets change only under the main table's lock too.
-    std::memcpy(snapshot.table.get(), mapped, offsetof(overlay_table, table_mutex));
-    snapshot.streams = read_streams();
-    overlay_table_unlock(mapped);
-  }
-  overlay_table_unmap(mapped);
-  if (!locked) {
-    return std::nullopt;
-  }
-  return snapshot;
-}
-
-nlohmann::json to_json(const Snapshot& snapshot) {
-  const overlay_table& table = *snapshot.table;
-  nlohmann::json entries = nlohmann::json::array();
-  for (int index = 0; index < OVERLAY_MAX_HANDLES; ++index) {
-    const overlay_table_entry& entry = table.entries[index];
-    if (entry.in_use == 0) {
-      continue;
+  // Written beside the output and renamed over it, so that a viewer watching
+  // the file never reads half a picture.
+  const std::string output = options.output;
+  const size_t slash = output.rfind('/');
+  const std::string scratch = output.substr(0, slash + 1) + "." +
+                              output.substr(slash == std::string::npos ? 0 : slash + 1) + ".part";
+  const int drawn = compose(options, fd, scratch);
+  overlay_detach();
+  if (drawn < 0 || rename(scratch.c_str(), output.c_str()) != 0) {
+    if (drawn >= 0) {
+      std::fprintf(stderr, "zantrelctl: cannot write %s: %s\n", output.c_str(),
+                   std::strerror(errno));
     }
-    const overlay& ovl = entry.data.description.ovl;
-    entries.push_back({{"handle", index + 1},
-                       {"type", entry.data.type},
-                       {"type_name", type_name(entry.data.type)},
-                       {"kernel_id", entry.data.kernel_id},
-                       {"width", entry.data.width},
-                       {"height", entry.data.height},
-                       {"priority", ovl.priority},
-                       {"ignore_stream_filter", ovl.ignore_stream_filter},
-                       {"legacy", ovl.legacy},
-                       {"stream_count", entry.stream_count},
-                       {"position",
-                        {{"x", ovl.position.x},
-                         {"y", ovl.position.y},
-                         {"visible_width", ovl.position.visible_width},
-                         {"visible_height", ovl.position.visible_height},
-                         {"normalized", ovl.position.coord_type == OVERLAY_COORDS_NORMALIZED}}}});
+    unlink(scratch.c_str());
+    return 1;
   }
-  nlohmann::json channels = nlohmann::json::object();
-  for (int channel = 0; channel < OVERLAY_NBR_CHANNELS; ++channel) {
-    channels[std::to_string(channel)] = members(table.channel_handles[channel], OVERLAY_SET_PLACES);
-  }
-  nlohmann::json streams = nlohmann::json::array();
-  for (const StreamSnapshot& stream : snapshot.streams) {
-    streams.push_back({{"stream", stream.stream},
-                       {"version", stream.table.version},
-                       {"active", stream.table.active},
-                       {"handles", members(stream.table.handles, OVERLAY_SET_PLACES)}});
-  }
-  nlohmann::json palette = nlohmann::json::array();
-  for (const overlay_palette_color& color : table.palette_copy) {
-    palette.push_back({{"argb", hex(argb_of(color))}, {"flag", color.flag}});
-  }
-  return {{"version", table.version},
-          {"entries", entries},
-          {"global", members(table.global_handles, OVERLAY_SET_PLACES)},
-          {"source", members(table.source_handles, OVERLAY_SET_PLACES)},
-          {"channels", channels},
-          {"streams", streams},
-          {"palette", palette}};
-}
-
-std::string to_text(const Snapshot& snapshot) {
-  const overlay_table& table = *snapshot.table;
-  std::ostringstream out;
-  out << "main table version " << table.version << "\n\nentries:\n";
-  bool any = false;
-  for (int index = 0; index < OVERLAY_MAX_HANDLES; ++index) {
-    const overlay_table_entry& entry = table.entries[index];
-    if (entry.in_use == 0) {
-      continue;
-    }
-    any = true;
-    const overlay& ovl = entry.data.description.ovl;
-    const overlay_position& pos = ovl.position;
-    out << "  handle " << index + 1 << ": " << type_name(entry.data.type) << ", kernel id "
-        << entry.data.kernel_id << ", " << entry.data.width << "x" << entry.data.height
-        << ", priority " << ovl.priority << ", ignore-stream-filter " << ovl.ignore_stream_filter
-        << ", legacy " << ovl.legacy << ", position " << pos.x << "," << pos.y
-        << (pos.coord_type == OVERLAY_COORDS_NORMALIZED ? " (normalized)" : " (pixels)")
-        << ", visible " << pos.visible_width << "x" << pos.visible_height << "\n";
-  }
-  if (!any) {
-    out << "  none\n";
-  }
-  out << "\nsets:\n  global: " << join(members(table.global_handles, OVERLAY_SET_PLACES)) << "\n";
-  out << "  source: " << join(members(table.source_handles, OVERLAY_SET_PLACES)) << "\n";
-  for (int channel = 0; channel < OVERLAY_NBR_CHANNELS; ++channel) {
-    std::vector<int> handles = members(table.channel_handles[channel], OVERLAY_SET_PLACES);
-    if (!handles.empty()) {
-      out << "  channel " << channel << ": " << join(handles) << "\n";
-    }
-  }
-  out << "\nstreams:\n";
-  if (snapshot.streams.empty()) {
-    out << "  none\n";
-  }
-  for (const StreamSnapshot& stream : snapshot.streams) {
-    out << "  stream " << stream.stream << ": version " << stream.table.version
-        << (stream.table.active == 1 ? "" : " (inactive)") << ", "
-        << join(members(stream.table.handles, OVERLAY_SET_PLACES)) << "\n";
-  }
-  out << "\npalette:\n";
-  for (int i = 0; i < OVERLAY_PALETTE_SIZE; ++i) {
-    const overlay_palette_color& color = table.palette_copy[i];
-    out << "  " << i << ": " << hex(argb_of(color)) << (color.flag != 0 ? " (flag)" : "") << "\n";
-  }
-  return out.str();
+  std::printf("stream %ld of channel %ld at %ldx%ld: %d overlays in %s\n", options.stream,
+              options.channel, options.width, options.height, drawn, output.c_str());
+  return 0;
 }
 
 }  // namespace zantrelctl

@@ -1,12 +1,14 @@
 // Draws assets/logo.png, the virtual camera's logo overlay. Run once by hand
 // when the logo changes; the PNG is checked in and the build never runs this:
-//   g++ -std=c++20 make_logo.cpp $(pkg-config --cflags --libs cairo) -o /tmp/make_logo
-//   /tmp/make_logo logo.png
+//   g++ -std=c++20 -I../../../include make_logo.cpp $(pkg-config --cflags --libs cairo) -o
+//   /tmp/make_logo /tmp/make_logo logo.png
 #include <cairo.h>
 
 #include <cmath>
 #include <cstdio>
 #include <memory>
+
+#include "zantrel-base/cairo_ptr.h"
 
 namespace {
 
@@ -29,9 +31,9 @@ int main(int argc, char** argv) {
     std::fputs("usage: make_logo OUT.png\n", stderr);
     return 2;
   }
-  std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
-      cairo_image_surface_create(CAIRO_FORMAT_ARGB32, kWidth, kHeight), cairo_surface_destroy);
-  std::unique_ptr<cairo_t, decltype(&cairo_destroy)> cr(cairo_create(surface.get()), cairo_destroy);
+  const zantrel::CairoSurfacePtr surface(
+      cairo_image_surface_create(CAIRO_FORMAT_ARGB32, kWidth, kHeight));
+  const zantrel::CairoPtr cr(cairo_create(surface.get()));
   // A translucent plate, so the picture below shows at the logo's corners.
   rounded_rectangle(cr.get(), 1, 1, kWidth - 2, kHeight - 2, 10);
   cairo_set_source_rgba(cr.get(), 0.05, 0.15, 0.35, 0.85);

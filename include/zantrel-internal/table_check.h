@@ -1,3 +1,6 @@
+// The library's own, not exported: zantrelctl check, the benchmarks and the
+// fuzzers link the zantrel_table_check target.
+//
 // Soundness of the shared tables, and their repair after a process died
 // holding the lock. Sound means: every entry is free (all zero) or in use
 // with a type 1 to 5; every set names entries in use, each at most once,
@@ -12,6 +15,8 @@
 // stream table cut short by a dead creator its 16 bytes.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "zantrel.h"
@@ -29,7 +34,38 @@ enum class Fault : uint8_t {
   kInactiveMembers,   // members in a stream table never made active: emptied
   kLowStreamCount,    // `stream_count` below the stream sets holding it: raised
 };
-constexpr int kFaultKinds = 9;
+
+// The names of a fault: `name` for programs (zantrelctl check --json),
+// `mended` for the warning logged after a repair.
+struct FaultNames {
+  Fault fault;
+  const char* name;
+  const char* mended;
+};
+inline constexpr std::array kFaultNames{
+    FaultNames{Fault::kBadEntry, "unsound_entry", "unsound entries freed"},
+    FaultNames{Fault::kBadSetValue, "no_such_entry", "set places naming no entry emptied"},
+    FaultNames{Fault::kFreeMember, "free_member", "members of free entries removed"},
+    FaultNames{Fault::kDuplicateMember, "duplicate_member", "duplicate members removed"},
+    FaultNames{Fault::kMemberAfterGap, "member_after_gap", "members moved up over empty places"},
+    FaultNames{Fault::kShortStreamTable, "short_stream_table",
+               "unfinished stream tables made empty"},
+    FaultNames{Fault::kBadActive, "bad_active_flag", "stream tables marked active"},
+    FaultNames{Fault::kInactiveMembers, "inactive_stream_member",
+               "members of inactive stream tables removed"},
+    FaultNames{Fault::kLowStreamCount, "low_stream_count", "stream counts raised"},
+};
+constexpr int kFaultKinds = static_cast<int>(kFaultNames.size());
+// Every fault at the place of its value, so that the table is indexed by it.
+static_assert([] {
+  for (size_t i = 0; i < kFaultNames.size(); ++i) {
+    if (static_cast<size_t>(kFaultNames[i].fault) != i) return false;
+  }
+  return static_cast<size_t>(Fault::kLowStreamCount) + 1 == kFaultNames.size();
+}());
+constexpr const FaultNames& names_of(Fault fault) {
+  return kFaultNames[static_cast<size_t>(fault)];
+}
 
 enum class Place : uint8_t { kEntry, kSource, kGlobal, kChannel, kStream };
 
@@ -57,5 +93,9 @@ int check_tables(overlay_table* table, bool repair, FindingSink sink, void* cont
 // again, and logs one warning saying what was mended. Returns the number of
 // findings.
 int repair_after_owner_death(overlay_table* table);
+
+// After a repair by check_tables: raises `version` so that every encoder
+// gathers again. The caller holds the table's lock.
+void mark_mended(overlay_table* table);
 
 }  // namespace zantrel::table

@@ -1,4 +1,4 @@
-#include "render_preview.h"
+#include "commands.h"
 
 #include <cairo.h>
 #include <getopt.h>
@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "zantrel-base/cairo_ptr.h"
 #include "zantrel.h"
 
 namespace zantrelctl {
@@ -178,22 +179,20 @@ uint32_t pixel_color(const sized_buffer& buffer, const uint32_t* row, uint32_t x
 bool write_png(const sized_buffer& buffer, int zoom, const char* path) {
   const int width = static_cast<int>(buffer.width) * zoom;
   const int height = static_cast<int>(buffer.rows) * zoom;
-  cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
-  if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) {
-    cairo_surface_destroy(surface);
+  const zantrel::CairoSurfacePtr surface(
+      cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));
+  if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) {
     return false;
   }
-  unsigned char* data = cairo_image_surface_get_data(surface);
-  const int stride = cairo_image_surface_get_stride(surface);
+  unsigned char* data = cairo_image_surface_get_data(surface.get());
+  const int stride = cairo_image_surface_get_stride(surface.get());
   for (int y = 0; y < height; ++y) {
     const uint32_t* row = buffer.data + static_cast<size_t>(y / zoom) * buffer.stride;
     auto* out = reinterpret_cast<uint32_t*>(data + static_cast<size_t>(y) * stride);
     for (int x = 0; x < width; ++x) out[x] = pixel_color(buffer, row, x / zoom);
   }
-  cairo_surface_mark_dirty(surface);
-  const bool ok = cairo_surface_write_to_png(surface, path) == CAIRO_STATUS_SUCCESS;
-  cairo_surface_destroy(surface);
-  return ok;
+  cairo_surface_mark_dirty(surface.get());
+  return cairo_surface_write_to_png(surface.get(), path) == CAIRO_STATUS_SUCCESS;
 }
 
 sized_buffer render(render_text_context* context, const Options& o) {
