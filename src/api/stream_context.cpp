@@ -211,6 +211,9 @@ text::Outcome make_copy(StreamContext& c, int i) {
   Copy& copy = c.copies[i];
   int id = 0;
   if (slot.data.type == OVERLAY_TYPE_SCALABLE_IMAGE) {
+    // Scaling cannot stop half way: an image is made only by a call that
+    // has drawn nothing yet, so it never adds to other drawing.
+    if (!c.budget.untouched()) return text::Outcome::kDeferred;
     if (o_create_scaled_image_overlay_from_ovl_file(&slot.data.description.image, c.fd, &id,
                                                     c.channel, c.width, c.height,
                                                     &slot.data) != 0) {
@@ -384,6 +387,9 @@ overlay_stream_context* overlay_stream_context_create(int fd, unsigned int chann
   context->width = width;
   context->height = height;
   context->filter = filter;
+  // The encoder makes its contexts before its first frame: the font is read
+  // then, not in the frame that first draws a text.
+  zantrel::render::open_font();
   context->table = zantrel::table::map_table().release();
   context->stream_table = zantrel::table::map_stream(static_cast<int>(stream)).release();
   return context;
@@ -433,7 +439,7 @@ int overlay_setup_in_encreq(overlay_stream_context* context, overlay_encreq* req
   }
   if (changed && !gather(c)) return 0;
 
-  c.budget = {c.bound == 0 ? INT64_MAX : static_cast<int64_t>(c.bound), false};
+  c.budget = zantrel::render::WorkBudget(c.bound == 0 ? INT64_MAX : static_cast<int64_t>(c.bound));
   // A copy made in this call changes what the request shows.
   if (make_pending_copies(c) && !changed) c.version = next_version();
   const bool up_to_date = o_encode_get_version(request) == static_cast<uint32_t>(c.version);

@@ -27,11 +27,16 @@ namespace zantrel::render {
 // made again later goes on from the glyphs already cached.
 struct WorkBudget {
   static constexpr uint64_t kGlyphPixels = 64 * 64;
+  WorkBudget() = default;
+  explicit WorkBudget(int64_t allowance) : given(allowance), left(allowance) {}
+  int64_t given = INT64_MAX;
   int64_t left = INT64_MAX;
-  bool deferred = false;
+  bool deferred = false;  // set by a render that stopped for want of allowance
   void spend(uint64_t pixels) { left -= static_cast<int64_t>(pixels); }
   void spend_glyph(uint64_t pixels) { spend(pixels > kGlyphPixels ? pixels : kGlyphPixels); }
   bool spent() const { return left <= 0; }
+  // Nothing drawn yet in this call, or no bound at all.
+  bool untouched() const { return given == INT64_MAX || left == given; }
 };
 
 }  // namespace zantrel::render
@@ -84,6 +89,10 @@ inline uint32_t round_up_16(uint32_t value) { return (value + 15u) & ~15u; }
 // Words in a row of width pixels (width a multiple of 16).
 inline uint32_t row_words(uint32_t width, const Packing& p) { return width / p.pixels_per_word; }
 
+// Opens the process's font now, if it is not open yet, so that the first
+// text drawn does not pay for reading it (a failure is logged, and the
+// first rendering tries again).
+void open_font();
 // Whether this process has opened its font yet (it never closes it).
 bool shared_font_opened();
 

@@ -24,6 +24,9 @@ struct SharedFont {
   cairo_font_face_t* font_face = nullptr;
 };
 
+// The size the face is opened with; cairo sets its own for every scaled font.
+constexpr uint32_t kFirstFontSize = 16;
+
 std::mutex font_mutex;
 SharedFont font_set;  // complete, or all null
 std::atomic<bool> font_opened{false};
@@ -87,6 +90,11 @@ void build_scaled_font(render_text_context* self) {
 }
 
 }  // namespace
+
+void open_font() {
+  std::lock_guard guard(font_mutex);
+  if (font_set.font_face == nullptr) open_shared_font(kFirstFontSize);
+}
 
 bool shared_font_opened() { return font_opened.load(std::memory_order_relaxed); }
 

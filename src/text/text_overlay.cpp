@@ -66,6 +66,9 @@ Outcome render_text(sized_buffer& out, const overlay_text& t, render_text_contex
                     const overlay_stream_context* stream, const char* text) {
   if (render == nullptr) return Outcome::kFailed;
   if (text == nullptr) text = t.text;
+  // Whether this render stops for want of allowance; an earlier one's
+  // stopping says nothing of a text whose glyphs are all cached.
+  if (render->budget != nullptr) render->budget->deferred = false;
   const int size = render_size(t, stream);
   sized_buffer result{};
   if (drawn_as_legacy(t, stream)) {

@@ -216,7 +216,9 @@ TEST(VcamSoak, ProcessesStayFlat) {
       dir + "/stdout.txt");
   ASSERT_EQ(vcam.wait(), 0) << vcam.stderr_text();
   const std::string out = vcam_test::read_text(dir + "/stdout.txt");
-  EXPECT_NE(out.find("compositions:    1280x720: 10, 640x360: 10"), std::string::npos) << out;
+  // A gathering for the start and each change, and two compositions that
+  // show the start's copies drawn over the following frames.
+  EXPECT_NE(out.find("compositions:    1280x720: 11, 640x360: 11"), std::string::npos) << out;
   EXPECT_NE(out.find("at 08.000s -> at 39.967s (after the first and the last frame of the same "
                      "scene)"),
             std::string::npos)
