@@ -1,7 +1,12 @@
 #include "options.h"
 
+#include <array>
 #include <charconv>
+#include <optional>
 #include <string_view>
+
+// The tools' shared parser, beside this tool's options.h of the same name.
+#include "../common/options.h"
 
 namespace vcam {
 
@@ -28,6 +33,11 @@ StreamSize parse_size(std::string_view text) {
                      "\": expected WxH, even sides from 16 to 8192");
   }
   return {static_cast<uint32_t>(width), static_cast<uint32_t>(height)};
+}
+
+std::string seconds_error() {
+  return "--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds) + " (" +
+         std::to_string(kMaxSoakSeconds) + " with --soak)";
 }
 
 }  // namespace
@@ -81,64 +91,67 @@ std::string to_string(StreamSize size) {
 }
 
 Options parse_options(int argc, char** argv) {
+  using zantrel::tools::Option;
   Options options;
   long seconds = 0;
   long y4m_stream = -1;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    if (arg == "-h" || arg == "--help") {
-      options.help = true;
-      continue;
-    }
-    if (arg == "--soak" || arg == "--serve" || arg == "--demo") {
-      (arg == "--soak" ? options.soak : arg == "--serve" ? options.serve : options.demo) = true;
-      continue;
-    }
-    if (arg == "--no-log-stderr") {
-      options.log_stderr = false;
-      continue;
-    }
-    // Both "--name value" and "--name=value".
-    std::string_view name = arg;
-    std::string value;
-    bool has_value = false;
-    if (const size_t eq = arg.find('='); arg.starts_with("--") && eq != std::string_view::npos) {
-      name = arg.substr(0, eq);
-      value = arg.substr(eq + 1);
-      has_value = true;
-    }
-    if (name != "--seconds" && name != "--streams" && name != "--out" && name != "--y4m" &&
-        name != "--y4m-stream") {
-      throw UsageError("unknown argument \"" + std::string(arg) + "\"");
-    }
-    if (!has_value) {
-      if (i + 1 >= argc) {
-        throw UsageError(std::string(name) + " needs a value");
+  auto flag = [](bool& out, bool value) {
+    return [&out, value](const char*) -> std::optional<std::string> {
+      out = value;
+      return std::nullopt;
+    };
+  };
+  auto text = [](std::string& out, const char* empty) {
+    return [&out, empty](const char* value) -> std::optional<std::string> {
+      if (*value == '\0') {
+        return empty;
       }
-      value = argv[++i];
-    }
-    if (name == "--seconds") {
-      if (!parse_number(value, 1, kMaxSoakSeconds, seconds)) {
-        throw UsageError("--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds) +
-                         " (" + std::to_string(kMaxSoakSeconds) + " with --soak)");
-      }
-    } else if (name == "--streams") {
-      options.streams = parse_streams(value);
-    } else if (name == "--y4m") {
-      if (value.empty()) {
-        throw UsageError("--y4m needs a file, or - for standard output");
-      }
-      options.y4m = value;
-    } else if (name == "--y4m-stream") {
-      if (!parse_number(value, 0, static_cast<long>(kMaxStreams) - 1, y4m_stream)) {
-        throw UsageError("--y4m-stream takes a stream number");
-      }
-    } else {
-      if (value.empty()) {
-        throw UsageError("--out needs a directory");
-      }
-      options.out_dir = value;
-    }
+      out = value;
+      return std::nullopt;
+    };
+  };
+  const std::array option_list{
+      Option{"help", 'h', false, flag(options.help, true)},
+      Option{"soak", 0, false, flag(options.soak, true)},
+      Option{"serve", 0, false, flag(options.serve, true)},
+      Option{"demo", 0, false, flag(options.demo, true)},
+      Option{"no-log-stderr", 0, false, flag(options.log_stderr, false)},
+      Option{"seconds", 0, true,
+             [&seconds](const char* value) -> std::optional<std::string> {
+               if (!parse_number(value, 1, kMaxSoakSeconds, seconds)) {
+                 return seconds_error();
+               }
+               return std::nullopt;
+             }},
+      Option{"streams", 0, true,
+             [&options](const char* value) -> std::optional<std::string> {
+               try {
+                 options.streams = parse_streams(value);
+               } catch (const UsageError& error) {
+                 return error.what();
+               }
+               return std::nullopt;
+             }},
+      Option{"out", 0, true, text(options.out_dir, "--out needs a directory")},
+      Option{"y4m", 0, true, text(options.y4m, "--y4m needs a file, or - for standard output")},
+      Option{"y4m-stream", 0, true,
+             [&y4m_stream](const char* value) -> std::optional<std::string> {
+               if (!parse_number(value, 0, static_cast<long>(kMaxStreams) - 1, y4m_stream)) {
+                 return "--y4m-stream takes a stream number";
+               }
+               return std::nullopt;
+             }},
+  };
+  // As before the shared parser: names in full, everything in order, and no
+  // operands, not even after "--".
+  const zantrel::tools::Parsed parsed = zantrel::tools::parse_options(
+      argc, argv, option_list, {.exact = true, .options_first = true, .double_dash = false});
+  const char* unknown = parsed.operands.empty() ? parsed.unknown : parsed.operands.front();
+  if (unknown != nullptr) {
+    throw UsageError("unknown argument \"" + std::string(unknown) + "\"");
+  }
+  if (!parsed) {
+    throw UsageError(parsed.error);
   }
   if (options.serve && (options.soak || seconds > 0)) {
     throw UsageError("--serve runs until stopped: no --soak or --seconds");
@@ -155,8 +168,7 @@ Options parse_options(int argc, char** argv) {
   }
   options.y4m_stream = y4m_stream < 0 ? 0 : static_cast<size_t>(y4m_stream);
   if (seconds > (options.soak ? kMaxSoakSeconds : kMaxSeconds)) {
-    throw UsageError("--seconds takes a whole number from 1 to " + std::to_string(kMaxSeconds) +
-                     " (" + std::to_string(kMaxSoakSeconds) + " with --soak)");
+    throw UsageError(seconds_error());
   }
   if (seconds > 0) {
     options.seconds = static_cast<int>(seconds);
