@@ -1,16 +1,17 @@
 #include "commands.h"
 
 #include <cairo.h>
-#include <getopt.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "options.h"
 #include "zantrel-base/cairo_ptr.h"
 #include "zantrel.h"
 
@@ -52,26 +53,32 @@ int usage() {
   return 2;
 }
 
-bool parse_color(const char* name, overlay_color* color) {
-  for (size_t i = 0; i < kColorNames.size(); ++i) {
-    if (kColorNames[i] == name) {
-      *color = static_cast<overlay_color>(i);
-      return true;
+// take functions for the parser: the value into out, or why not.
+auto color(overlay_color& out) {
+  return [&out](const char* name) -> std::optional<std::string> {
+    for (size_t i = 0; i < kColorNames.size(); ++i) {
+      if (kColorNames[i] == name) {
+        out = static_cast<overlay_color>(i);
+        return std::nullopt;
+      }
     }
-  }
-  std::fprintf(stderr, "zantrelctl: unknown colour \"%s\"\n", name);
-  return false;
+    return std::string("unknown colour \"") + name + "\"";
+  };
 }
 
-bool parse_int(const char* text, long low, long high, long* value) {
-  char* end = nullptr;
-  errno = 0;
-  *value = std::strtol(text, &end, 10);
-  if (errno != 0 || end == text || *end != '\0' || *value < low || *value > high) {
-    std::fprintf(stderr, "zantrelctl: \"%s\" is not a number from %ld to %ld\n", text, low, high);
-    return false;
-  }
-  return true;
+template <typename T>
+auto number(long low, long high, T& out) {
+  return [low, high, &out](const char* text) -> std::optional<std::string> {
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < low || value > high) {
+      return "\"" + std::string(text) + "\" is not a number from " + std::to_string(low) + " to " +
+             std::to_string(high);
+    }
+    out = static_cast<T>(value);
+    return std::nullopt;
+  };
 }
 
 std::string unescape_newlines(std::string_view text) {
@@ -88,79 +95,42 @@ std::string unescape_newlines(std::string_view text) {
 }
 
 bool parse(int argc, char** argv, Options* o) {
-  enum {
-    kSize = 1,
-    kText,
-    kOutline,
-    kBackground,
-    kLegacy,
-    kExtraRows,
-    kExtraColor,
-    kFormat,
-    kZoom
+  using zantrel::tools::Option;
+  const std::array options{
+      Option{"size", 0, true, number(1, 200, o->size)},
+      Option{"text-color", 0, true, color(o->text)},
+      Option{"outline-color", 0, true, color(o->outline)},
+      Option{"background", 0, true, color(o->background)},
+      Option{"legacy", 0, true, number(1, 7680, o->legacy_width)},
+      Option{"extra-rows", 0, true, number(0, 64, o->extra_rows)},
+      Option{"extra-color", 0, true, color(o->extra)},
+      Option{"format", 0, true,
+             [o](const char* name) -> std::optional<std::string> {
+               if (std::strcmp(name, "4bit") == 0) {
+                 o->format = OVERLAY_FORMAT_PALETTE_4BIT;
+               } else if (std::strcmp(name, "8bit") == 0) {
+                 o->format = OVERLAY_FORMAT_PALETTE_8BIT;
+               } else if (std::strcmp(name, "argb32") == 0) {
+                 o->format = OVERLAY_FORMAT_ARGB32;
+               } else {
+                 return std::string("unknown format \"") + name + "\"";
+               }
+               return std::nullopt;
+             }},
+      Option{"zoom", 0, true, number(1, 16, o->zoom)},
+      Option{"output", 'o', true,
+             [o](const char* path) -> std::optional<std::string> {
+               o->output = path;
+               return std::nullopt;
+             }},
   };
-  static const option kLong[] = {{"size", required_argument, nullptr, kSize},
-                                 {"text-color", required_argument, nullptr, kText},
-                                 {"outline-color", required_argument, nullptr, kOutline},
-                                 {"background", required_argument, nullptr, kBackground},
-                                 {"legacy", required_argument, nullptr, kLegacy},
-                                 {"extra-rows", required_argument, nullptr, kExtraRows},
-                                 {"extra-color", required_argument, nullptr, kExtraColor},
-                                 {"format", required_argument, nullptr, kFormat},
-                                 {"zoom", required_argument, nullptr, kZoom},
-                                 {"output", required_argument, nullptr, 'o'},
-                                 {nullptr, 0, nullptr, 0}};
-  optind = 1;
-  long value = 0;
-  for (int c; (c = getopt_long(argc, argv, "o:", kLong, nullptr)) != -1;) {
-    bool ok = true;
-    switch (c) {
-      case kSize:
-        ok = parse_int(optarg, 1, 200, &value) && (o->size = static_cast<int>(value), true);
-        break;
-      case kText:
-        ok = parse_color(optarg, &o->text);
-        break;
-      case kOutline:
-        ok = parse_color(optarg, &o->outline);
-        break;
-      case kBackground:
-        ok = parse_color(optarg, &o->background);
-        break;
-      case kExtraColor:
-        ok = parse_color(optarg, &o->extra);
-        break;
-      case kLegacy:
-        ok = parse_int(optarg, 1, 7680, &o->legacy_width);
-        break;
-      case kExtraRows:
-        ok = parse_int(optarg, 0, 64, &value) && (o->extra_rows = static_cast<int>(value), true);
-        break;
-      case kZoom:
-        ok = parse_int(optarg, 1, 16, &value) && (o->zoom = static_cast<int>(value), true);
-        break;
-      case kFormat:
-        if (std::strcmp(optarg, "4bit") == 0) {
-          o->format = OVERLAY_FORMAT_PALETTE_4BIT;
-        } else if (std::strcmp(optarg, "8bit") == 0) {
-          o->format = OVERLAY_FORMAT_PALETTE_8BIT;
-        } else if (std::strcmp(optarg, "argb32") == 0) {
-          o->format = OVERLAY_FORMAT_ARGB32;
-        } else {
-          std::fprintf(stderr, "zantrelctl: unknown format \"%s\"\n", optarg);
-          ok = false;
-        }
-        break;
-      case 'o':
-        o->output = optarg;
-        break;
-      default:
-        ok = false;
-    }
-    if (!ok) return false;
-  }
-  if (o->output == nullptr || optind != argc - 1) return false;
-  o->content = unescape_newlines(argv[optind]);
+  // getopt_long's own messages for an unknown option or a missing value, as
+  // render-text has always printed them.
+  const zantrel::tools::Parsed parsed =
+      zantrel::tools::parse_options(argc, argv, options, {.getopt_messages = true});
+  if (parsed.refused) std::fprintf(stderr, "zantrelctl: %s\n", parsed.error.c_str());
+  if (!parsed || o->output == nullptr || parsed.operands.size() != 1) return false;
+  o->content = unescape_newlines(parsed.operands.front());
   return true;
 }
 
