@@ -17,10 +17,12 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "options.h"
 #include "ovl_codec.h"
 #include "zantrel-base/cairo_ptr.h"
 #include "zantrel-base/io.h"
@@ -286,25 +288,41 @@ std::optional<uint8_t> parse_luma(std::string_view text) {
   return value <= 255 ? std::optional<uint8_t>(static_cast<uint8_t>(value)) : std::nullopt;
 }
 
+// The shared parser as ovlconv has always read its command line: names in
+// full, and "--" no end of the options but a wrong argument. Operands go to
+// files; any other mistake is wrong usage, but a refused value is thrown.
+bool parse(int argc, char** argv, std::span<const zantrel::tools::Option> options,
+           std::vector<std::string>& files) {
+  const zantrel::tools::Parsed parsed =
+      zantrel::tools::parse_options(argc, argv, options, {.exact = true, .double_dash = false});
+  if (parsed.refused) {
+    throw Error(parsed.error);
+  }
+  files.assign(parsed.operands.begin(), parsed.operands.end());
+  return static_cast<bool>(parsed);
+}
+
 int to_ovl(int argc, char** argv) {
   bool packed = false;
   std::optional<uint8_t> key;
   std::vector<std::string> files;
-  for (int i = 0; i < argc; ++i) {
-    std::string_view arg = argv[i];
-    if (arg == "--packed") {
-      packed = true;
-    } else if (arg == "--key" && i + 1 < argc) {
-      std::optional<uint8_t> luma = parse_luma(argv[++i]);
-      if (!luma) {
-        throw Error("--key takes a luma value from 0 to 255, not \"" + std::string(argv[i]) + "\"");
-      }
-      key = luma;
-    } else {
-      files.emplace_back(arg);
-    }
-  }
-  if (files.size() != 2) {
+  const std::array options{
+      zantrel::tools::Option{"packed", 0, false,
+                             [&packed](const char*) -> std::optional<std::string> {
+                               packed = true;
+                               return std::nullopt;
+                             }},
+      zantrel::tools::Option{"key", 0, true,
+                             [&key](const char* value) -> std::optional<std::string> {
+                               key = parse_luma(value);
+                               if (!key) {
+                                 return "--key takes a luma value from 0 to 255, not \"" +
+                                        std::string(value) + "\"";
+                               }
+                               return std::nullopt;
+                             }},
+  };
+  if (!parse(argc, argv, options, files) || files.size() != 2) {
     return usage();
   }
   if (key && !packed) {
@@ -318,10 +336,11 @@ int to_ovl(int argc, char** argv) {
 }
 
 int to_png(int argc, char** argv) {
-  if (argc != 2) {
+  std::vector<std::string> files;
+  if (!parse(argc, argv, {}, files) || files.size() != 2) {
     return usage();
   }
-  std::string in = argv[0];
+  const std::string& in = files[0];
   std::vector<uint8_t> bytes = read_file(in);
   Image image;
   try {
@@ -329,7 +348,7 @@ int to_png(int argc, char** argv) {
   } catch (const Error& error) {
     throw Error(in + ": " + error.what());
   }
-  write_png(image, argv[1]);
+  write_png(image, files[1]);
   return 0;
 }
 
@@ -346,10 +365,10 @@ int main(int argc, char** argv) {
   }
   try {
     if (command == "to-ovl") {
-      return to_ovl(argc - 2, argv + 2);
+      return to_ovl(argc - 1, argv + 1);
     }
     if (command == "to-png") {
-      return to_png(argc - 2, argv + 2);
+      return to_png(argc - 1, argv + 1);
     }
   } catch (const std::exception& error) {
     std::fprintf(stderr, "ovlconv: %s\n", error.what());
