@@ -40,6 +40,65 @@ std::string seconds_error() {
          std::to_string(kMaxSoakSeconds) + " with --soak)";
 }
 
+// take functions for the shared parser: a flag sets out to value; a value
+// goes to out whole, and an empty one is refused with the message empty.
+auto flag(bool& out, bool value) {
+  return [&out, value](const char*) -> std::optional<std::string> {
+    out = value;
+    return std::nullopt;
+  };
+}
+
+auto nonempty_text(std::string& out, const char* empty) {
+  return [&out, empty](const char* value) -> std::optional<std::string> {
+    if (*value == '\0') {
+      return empty;
+    }
+    out = value;
+    return std::nullopt;
+  };
+}
+
+// Every option with where its value goes; seconds and y4m_stream are checked
+// against the others once all are read.
+std::array<zantrel::tools::Option, 10> option_list(Options& options, long& seconds,
+                                                   long& y4m_stream) {
+  using zantrel::tools::Option;
+  return {
+      Option{"help", 'h', false, flag(options.help, true)},
+      Option{"soak", 0, false, flag(options.soak, true)},
+      Option{"serve", 0, false, flag(options.serve, true)},
+      Option{"demo", 0, false, flag(options.demo, true)},
+      Option{"no-log-stderr", 0, false, flag(options.log_stderr, false)},
+      Option{"seconds", 0, true,
+             [&seconds](const char* value) -> std::optional<std::string> {
+               if (!parse_number(value, 1, kMaxSoakSeconds, seconds)) {
+                 return seconds_error();
+               }
+               return std::nullopt;
+             }},
+      Option{"streams", 0, true,
+             [&options](const char* value) -> std::optional<std::string> {
+               try {
+                 options.streams = parse_streams(value);
+               } catch (const UsageError& error) {
+                 return error.what();
+               }
+               return std::nullopt;
+             }},
+      Option{"out", 0, true, nonempty_text(options.out_dir, "--out needs a directory")},
+      Option{"y4m", 0, true,
+             nonempty_text(options.y4m, "--y4m needs a file, or - for standard output")},
+      Option{"y4m-stream", 0, true,
+             [&y4m_stream](const char* value) -> std::optional<std::string> {
+               if (!parse_number(value, 0, static_cast<long>(kMaxStreams) - 1, y4m_stream)) {
+                 return "--y4m-stream takes a stream number";
+               }
+               return std::nullopt;
+             }},
+  };
+}
+
 }  // namespace
 
 std::vector<StreamSize> parse_streams(const std::string& text) {
@@ -91,61 +150,14 @@ std::string to_string(StreamSize size) {
 }
 
 Options parse_options(int argc, char** argv) {
-  using zantrel::tools::Option;
   Options options;
   long seconds = 0;
   long y4m_stream = -1;
-  auto flag = [](bool& out, bool value) {
-    return [&out, value](const char*) -> std::optional<std::string> {
-      out = value;
-      return std::nullopt;
-    };
-  };
-  auto text = [](std::string& out, const char* empty) {
-    return [&out, empty](const char* value) -> std::optional<std::string> {
-      if (*value == '\0') {
-        return empty;
-      }
-      out = value;
-      return std::nullopt;
-    };
-  };
-  const std::array option_list{
-      Option{"help", 'h', false, flag(options.help, true)},
-      Option{"soak", 0, false, flag(options.soak, true)},
-      Option{"serve", 0, false, flag(options.serve, true)},
-      Option{"demo", 0, false, flag(options.demo, true)},
-      Option{"no-log-stderr", 0, false, flag(options.log_stderr, false)},
-      Option{"seconds", 0, true,
-             [&seconds](const char* value) -> std::optional<std::string> {
-               if (!parse_number(value, 1, kMaxSoakSeconds, seconds)) {
-                 return seconds_error();
-               }
-               return std::nullopt;
-             }},
-      Option{"streams", 0, true,
-             [&options](const char* value) -> std::optional<std::string> {
-               try {
-                 options.streams = parse_streams(value);
-               } catch (const UsageError& error) {
-                 return error.what();
-               }
-               return std::nullopt;
-             }},
-      Option{"out", 0, true, text(options.out_dir, "--out needs a directory")},
-      Option{"y4m", 0, true, text(options.y4m, "--y4m needs a file, or - for standard output")},
-      Option{"y4m-stream", 0, true,
-             [&y4m_stream](const char* value) -> std::optional<std::string> {
-               if (!parse_number(value, 0, static_cast<long>(kMaxStreams) - 1, y4m_stream)) {
-                 return "--y4m-stream takes a stream number";
-               }
-               return std::nullopt;
-             }},
-  };
+  const auto options_read = option_list(options, seconds, y4m_stream);
   // As before the shared parser: names in full, everything in order, and no
   // operands, not even after "--".
   const zantrel::tools::Parsed parsed = zantrel::tools::parse_options(
-      argc, argv, option_list, {.exact = true, .options_first = true, .double_dash = false});
+      argc, argv, options_read, {.exact = true, .options_first = true, .double_dash = false});
   const char* unknown = parsed.operands.empty() ? parsed.unknown : parsed.operands.front();
   if (unknown != nullptr) {
     throw UsageError("unknown argument \"" + std::string(unknown) + "\"");
