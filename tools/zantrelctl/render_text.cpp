@@ -73,8 +73,12 @@ auto number(long low, long high, T& out) {
     errno = 0;
     const long value = std::strtol(text, &end, 10);
     if (errno != 0 || end == text || *end != '\0' || value < low || value > high) {
-      return "\"" + std::string(text) + "\" is not a number from " + std::to_string(low) + " to " +
-             std::to_string(high);
+      // Appended piece by piece: GCC 12 at -O3 on 32-bit targets mistakes a
+      // literal added to a temporary string for an overlapping copy.
+      std::string message = "\"";
+      message.append(text).append("\" is not a number from ").append(std::to_string(low));
+      message.append(" to ").append(std::to_string(high));
+      return message;
     }
     out = static_cast<T>(value);
     return std::nullopt;
