@@ -67,12 +67,15 @@ struct Copy {
   int32_t id = 0;        // the copy of the entry as gathered, once made
   int32_t previous = 0;  // the copy of the overlay's former record, shown until id is made
   bool pending = false;  // still to be made
-  bool failed = false;   // the last attempt failed and was logged
   // After failures, calls to let pass before the next attempt: none after
   // the first, then twice as many after each (at most about 4 s), so a copy
-  // that cannot be made does not cost every frame or flood the log.
+  // that cannot be made does not cost every frame or flood the log. A delay
+  // of 0 means no attempt has failed since the last success; only the first
+  // failure is logged.
   uint16_t wait = 0;
   uint16_t delay = 0;
+
+  bool failed_before() const { return delay != 0; }
   text::RenderPtr render;  // a text copy's renderer, kept with its glyph cache
 
   int32_t shown() const { return has_overlay(id) ? id : previous; }
@@ -224,7 +227,7 @@ text::Outcome make_copy(StreamContext& c, int i) {
   } else {
     if (!copy.render) copy.render.reset(render_text_init(OVERLAY_FORMAT_PALETTE_4BIT));
     if (!copy.render) {
-      if (!copy.failed) {
+      if (!copy.failed_before()) {
         log_message(LOG_ERR,
                     "libzantrel: Failed to create render context for legacy / scaled text "
                     "overlay\n");
@@ -235,7 +238,7 @@ text::Outcome make_copy(StreamContext& c, int i) {
     const text::Outcome outcome = text::create_text_overlay(
         c.fd, copy.render.get(), &c, slot.data.description.text, slot.data, nullptr, id);
     copy.render->budget = nullptr;
-    if (outcome == text::Outcome::kFailed && !copy.failed) {
+    if (outcome == text::Outcome::kFailed && !copy.failed_before()) {
       log_message(LOG_ERR, "libzantrel: Failed to create legacy / scaled text overlay\n");
     }
     if (outcome != text::Outcome::kDone) return outcome;
@@ -260,12 +263,11 @@ bool make_pending_copies(StreamContext& c) {
     const text::Outcome outcome = make_copy(c, i);
     if (outcome == text::Outcome::kDeferred) break;
     if (outcome == text::Outcome::kFailed) {
-      copy.failed = true;
       copy.delay = copy.delay == 0 ? 1 : std::min<uint16_t>(copy.delay * 2, kLongestRetryDelay);
       copy.wait = copy.delay - 1;
       continue;
     }
-    copy.pending = copy.failed = false;
+    copy.pending = false;
     copy.wait = copy.delay = 0;
     if (copy.previous != 0) device::destroy_or_keep(c.fd, copy.previous);
     copy.previous = 0;
