@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <tuple>
@@ -18,14 +19,23 @@ extern "C" int __open_2(const char*, int);  // the fortified open
 namespace camsim_test {
 namespace {
 
-using L = std::vector<long>;  // results of commands, collected in order with <<
-L operator<<(L results, long v) {
-  results.push_back(v);
-  return results;
-}
-
-int fd;  // each row of the table runs on a reset driver holding `made`
+int fd;  // each DriverCommands test runs on a reset driver holding `made`
 internal_overlay made;
+
+class DriverCommands : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(camsim_reset(), 0);
+    fd = node_.emplace().fd;
+    made = record(4, 64, 32, 2);
+    made.coord_type = OVERLAY_COORDS_NORMALIZED;
+    ASSERT_EQ(command(fd, CAM_IOC_CREATE_OVERLAY, &made), 0);
+  }
+  std::optional<Node> node_;
+};
+
+// A command's result, named, against the one it must give.
+void expect(const char* what, long want, long got) { EXPECT_EQ(got, want) << what; }
 
 // Creates `made` changed; a refused create leaves nothing.
 long create_as(const std::function<void(internal_overlay&)>& change) {
@@ -82,257 +92,171 @@ long map(int node, long offset, std::size_t length, int prot = PROT_READ | PROT_
   return 0;
 }
 
-TEST(DriverCommands, RecordsAndErrors) {
-  using O = internal_overlay;
-  struct Row {
-    const char* name;
-    std::vector<std::pair<const char*, long>> want;  // each command's result, named
-    std::function<L()> run;
-  };
-  const Row rows[] = {
-      {"create",
-       {{"type -1", -EINVAL},
-        {"type 9", -EINVAL},
-        {"width 0", -EINVAL},
-        {"no buffers", -EINVAL},
-        {"5 buffers", -EINVAL},
-        {"palette bank 2", -EINVAL},
-        {"visible wider than the overlay", -EINVAL},
-        {"normalized y above 16384", -EINVAL},
-        {"2^20 rows: no memory", -ENOMEM},
-        {"normalized y 16384", 0},
-        {"no record", -EFAULT},
-        {"reserved1 set", -EINVAL},
-        {"reserved2 set", -EINVAL},
-        {"palette colours of a 4-bit overlay", -EINVAL},
-        {"planar of odd width", -EINVAL},
-        {"1-bit with its palette colours", 0}},
-       [] {
-         return L() << create_with(&O::type, -1) << create_with(&O::type, 9)
-                    << create_with(&O::width, 0u) << create_with(&O::nbr_buffers, 0u)
-                    << create_with(&O::nbr_buffers, 5u) << create_with(&O::palette_bank, 2u)
-                    << create_with(&O::visible_width, 65u) << create_with(&O::y, 16385u)
-                    << create_with(&O::height, 1u << 20) << create_with(&O::y, 16384u)
-                    << command(fd, CAM_IOC_CREATE_OVERLAY, nullptr)
-                    << create_as([](O& r) { r.reserved1[1] = 1; }) << create_with(&O::reserved2, 1u)
-                    << create_as([](O& r) { r.palette_colors[3] = 1; })  // not a 1-bit overlay
-                    << create_as([](O& r) { r.type = 8, r.width = r.visible_width = 63; })
-                    << create_as([](O& r) { r.type = 6, r.palette_colors[1] = ~0u; });
-       }},
-      {"buffer sizes by type",
-       {{"type 0, 3x3", 4},
-        {"type 0, 1x1", 0},
-        {"type 1, 3x3", 13},
-        {"type 2, 3x3", 9},
-        {"type 3, 3x3", 18},
-        {"type 4, 3x3", 36},
-        {"type 5, 3x3", 9},
-        {"type 6, 7x5", 5},
-        {"type 6, 9x2", 4},
-        {"type 7, 2x2", 10},
-        {"type 8, 4x2", 24}},
-       [] {
-         return L() << size_of(0, 3, 3) << size_of(0, 1, 1) << size_of(1, 3, 3) << size_of(2, 3, 3)
-                    << size_of(3, 3, 3) << size_of(4, 3, 3) << size_of(5, 3, 3) << size_of(6, 7, 5)
-                    << size_of(6, 9, 2) << size_of(7, 2, 2) << size_of(8, 4, 2);
-       }},
-      {"reserved bytes zero, a get record nothing but its id",
-       {{"get with x set", -EINVAL},
-        {"modify with reserved1", -EINVAL},
-        {"buffer query with a reserved word", -EINVAL},
-        {"source add with a reserved word", -EINVAL},
-        {"palette colour with a reserved byte", -EINVAL}},
-       [] {
-         internal_overlay get{}, modify = made;
-         get.id = made.id, get.x = 1, modify.reserved1[0] = 1;
-         cam_buffer_query query{made.id, {0, 0, 0, 0, 1}};
-         cam_source_params add{CAM_SOURCE_ADD, made.id, {0, 1, 0}};
-         cam_palette_color colour{3, 1, 76, 85, 255, 200, {0, 1}, 1};
-         return L() << command(fd, CAM_IOC_GET_OVERLAY, &get)
-                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &modify)
-                    << command(fd, CAM_IOC_GET_BUFFER, &query)
-                    << command(fd, CAM_IOC_SOURCE_PARAMS, &add)
-                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &colour);
-       }},
-      {"256 live overlays, ids non-zero and unique; a lower limit",
-       {{"live ids", 256},
-        {"ids of 0", 0},
-        {"the 257th", -ENOMEM},
-        {"limit 0 refused", -1},
-        {"limit 2 set", 0},
-        {"second of limit 2", 0},
-        {"third of limit 2", -ENOMEM}},
-       [] {
-         u32 ids[CAMSIM_MAX_OVERLAYS] = {create(fd, record(2, 8, 8)), create(fd, record(2, 8, 8))};
-         destroy(fd, ids[0]);
-         while (camsim_live_count() < CAMSIM_MAX_OVERLAYS) create(fd, record(2, 8, 8));
-         const std::set<u32> live(ids, ids + camsim_live_ids(ids, CAMSIM_MAX_OVERLAYS));
-         L r = L() << live.size() << live.count(0) << create_with(&O::x, 0u)
-                   << camsim_set_overlay_limit(0);
-         for (u32 id : live)
-           if (id != made.id) destroy(fd, id);
-         return r << camsim_set_overlay_limit(2) << create_with(&O::x, 0u)
-                  << create_with(&O::x, 0u);
-       }},
-      {"modify takes position, visible size and coordinates only",
-       {{"modify", 0},
-        {"get", 0},
-        {"record differs from the wanted one", 0},
-        {"visible taller than the overlay", -EINVAL},
-        {"unknown id", -EINVAL},
-        {"refresh (no record)", 0},
-        {"refreshes", 1}},
-       [] {
-         internal_overlay m = record(2, 1, 1, 1, 8192, 16384), got{}, want = made;
-         internal_overlay tall = made, gone = made;
-         want.id = m.id = made.id, tall.visible_height = 33, gone.id = 4242;
-         want.x = 8192, want.y = 16384, want.visible_width = want.visible_height = 1;
-         want.coord_type = 0;  // pixels
-         return L() << command(fd, CAM_IOC_MODIFY_OVERLAY, &m) << camsim_get_overlay(made.id, &got)
-                    << std::memcmp(&got, &want, sizeof got)
-                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &tall)
-                    << command(fd, CAM_IOC_MODIFY_OVERLAY, &gone)
-                    << command(fd, CAM_IOC_MODIFY_OVERLAY, nullptr) << camsim_refresh_count();
-       }},
-      {"buffers and destroy",
-       {{"another overlay's buffer", -EINVAL},
-        {"an offset inside the buffer", -EINVAL},
-        {"own buffer with param 7", 0},
-        {"info", 0},
-        {"last param", 7},
-        {"submitted again", -EINVAL},
-        {"never handed out", -EINVAL},
-        {"destroy", 0},
-        {"live after destroy", 1},
-        {"destroy again", -EINVAL},
-        {"get buffer of a destroyed one", -EINVAL},
-        {"submit to a destroyed one", -EINVAL},
-        {"get a destroyed one", -ENOENT}},
-       [] {
-         camsim_overlay_info info{};
-         internal_overlay gone{};
-         gone.id = made.id;
-         const int own = get_buffer(fd, made.id);
-         return L() << submit(fd, made.id, get_buffer(fd, create(fd, record(2, 8, 8))))
-                    << submit(fd, made.id, own + 1) << submit(fd, made.id, own, 7)
-                    << camsim_get_overlay_info(made.id, &info) << info.last_param
-                    << submit(fd, made.id,
-                              own)  // submitted already, not handed out again
-                    << submit(fd, made.id, info.buffer_offsets[1])  // never handed out
-                    << destroy(fd, made.id) << camsim_live_count() << destroy(fd, made.id)
-                    << get_buffer(fd, made.id) << submit(fd, made.id, own)
-                    << command(fd, CAM_IOC_GET_OVERLAY, &gone);
-       }},
-      {"fresh buffers hold the pattern, also on reused pages",
-       {{"fresh bytes of the first page", 4096}},
-       [] {
-         destroy(fd, made.id);
-         const u32 id = create(fd, record(2, 64, 64));
-         auto* map = static_cast<unsigned char*>(
-             mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, get_buffer(fd, id)));
-         return L() << std::count(map, map + 4096, CAMSIM_FRESH_BYTE) + munmap(map, 4096);
-       }},
-      {"nodes own their commands; only handed-out buffers map, within their pages",
-       {{"create on camquad", -ENOTTY},
-        {"get buffer on cam3", -ENOTTY},
-        {"map offset 0", -EINVAL},
-        {"map a buffer never handed out", -EINVAL},
-        {"map the handed-out buffer", 0},
-        {"map one byte past it", -EINVAL},
-        {"map 1 MiB", -EINVAL},
-        {"map through cam3", -ENODEV},
-        {"map read-only node writable", -EACCES}},
-       [] {
-         const int quad = open("/dev/camquad", O_RDWR), cam3 = open("/dev/cam3", O_RDWR),
-                   read_only = open("/dev/cam0", O_RDONLY);
-         internal_overlay r = record(2, 8, 8);
-         camsim_overlay_info info{};
-         camsim_get_overlay_info(made.id, &info);  // 8192 bytes a buffer
-         L results = L() << command(quad, CAM_IOC_CREATE_OVERLAY, &r) << get_buffer(cam3, made.id)
-                         << map(fd, 0, 4096) << map(fd, info.buffer_offsets[1], 4096);
-         const int own = get_buffer(fd, made.id);
-         results = results << map(fd, own, 8192) << map(fd, own, 8193) << map(fd, own, 1 << 20)
-                           << map(cam3, own, 4096) << map(read_only, own, 4096);
-         for (int node : {quad, cam3, read_only}) close(node);
-         return results;
-       }},
-      {"source list of 8",
-       {{"add", 0},
-        {"add again", 0},
-        {"add 2nd", 0},
-        {"add 3rd", 0},
-        {"add 4th", 0},
-        {"add 5th", 0},
-        {"add 6th", 0},
-        {"add 7th", 0},
-        {"add 8th", 0},
-        {"info", 0},
-        {"in source", 1},
-        {"add 9th", -ENOBUFS},
-        {"remove one not in it", -ENOENT},
-        {"add an unknown id", -EINVAL},
-        {"unknown operation", -EINVAL},
-        {"destroy a member", 0},
-        {"add 9th then", 0}},
-       [] {
-         L r = L() << source(CAM_SOURCE_ADD, made.id) << source(CAM_SOURCE_ADD, made.id);
-         for (int i = 0; i < 7; ++i) r = r << source(CAM_SOURCE_ADD, create(fd, record(2, 8, 8)));
-         const u32 ninth = create(fd, record(2, 8, 8));
-         camsim_overlay_info info{};
-         return r << camsim_get_overlay_info(made.id, &info) << info.in_source
-                  << source(CAM_SOURCE_ADD, ninth) << source(CAM_SOURCE_REMOVE, ninth)
-                  << source(CAM_SOURCE_ADD, 4242) << source(2, ninth) << destroy(fd, made.id)
-                  << source(CAM_SOURCE_ADD, ninth);
-       }},
-      {"palette: refused entries are not written",
-       {{"entry 3 of bank 1", 0},
-        {"entry 16", -EINVAL},
-        {"bank 2", -EINVAL},
-        {"read bank 1", 0},
-        {"entries written", 1},
-        {"entry 3 written", 1}},
-       [] {
-         cam_palette_color c[] = {{3, 1, 76, 85, 255, 200, {}, 1},
-                                  {16, 0, 0, 0, 0, 0, {}, 0},
-                                  {2, 2, 0, 0, 0, 0, {}, 0}};
-         std::uint8_t written[16];
-         return L() << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[0])
-                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[1])
-                    << command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[2])
-                    << camsim_read_palette(1, nullptr, written)
-                    << std::count(written, written + 16, 1) << written[3];
-       }},
-      {"stream configuration and nodes",
-       {{"cam14, channel 15", 655},
-        {"camquad, channel 0", 700},
-        {"cam3 through the fortified open", 1920},
-        {"cam0, a key naming no channel", -EINVAL},
-        {"cam0, key 1", -EINVAL},
-        {"a node not the simulator's", -unknown_command_errno("/dev/null")},
-        {"cam15 does not exist", -1},
-        {"an unknown command", -ENOTTY},
-        {"unknown commands counted", 1}},
-       [] {
-         camsim_set_resolution(15, 655, 1), camsim_set_resolution(0, 700, 1);
-         return L() << max_width("/dev/cam14", 0xE00) << max_width("/dev/camquad", 0xFF00)
-                    << max_width("/dev/cam3", 0x200, true) << max_width("/dev/cam0", 0xF00)
-                    << max_width("/dev/cam0", 1) << max_width("/dev/null", 0)
-                    << open("/dev/cam15", O_RDWR) << command(fd, 0x40043799u, nullptr)
-                    << camsim_call_count(CAMSIM_UNKNOWN_COMMAND);
-       }},
-  };
-  for (const auto& [name, want, run] : rows) {
-    SCOPED_TRACE(name);
-    ASSERT_EQ(camsim_reset(), 0);
-    Node node;
-    fd = node.fd;
-    made = record(4, 64, 32, 2);
-    made.coord_type = OVERLAY_COORDS_NORMALIZED;
-    ASSERT_EQ(command(fd, CAM_IOC_CREATE_OVERLAY, &made), 0);
-    const L got = run();
-    ASSERT_EQ(got.size(), want.size());
-    for (std::size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], want[i].second) << want[i].first;
-  }
+using O = internal_overlay;
+
+TEST_F(DriverCommands, CreateChecksTheRecord) {
+  expect("type -1", -EINVAL, create_with(&O::type, -1));
+  expect("type 9", -EINVAL, create_with(&O::type, 9));
+  expect("width 0", -EINVAL, create_with(&O::width, 0u));
+  expect("no buffers", -EINVAL, create_with(&O::nbr_buffers, 0u));
+  expect("5 buffers", -EINVAL, create_with(&O::nbr_buffers, 5u));
+  expect("palette bank 2", -EINVAL, create_with(&O::palette_bank, 2u));
+  expect("visible wider than the overlay", -EINVAL, create_with(&O::visible_width, 65u));
+  expect("normalized y above 16384", -EINVAL, create_with(&O::y, 16385u));
+  expect("2^20 rows: no memory", -ENOMEM, create_with(&O::height, 1u << 20));
+  expect("normalized y 16384", 0, create_with(&O::y, 16384u));
+  expect("no record", -EFAULT, command(fd, CAM_IOC_CREATE_OVERLAY, nullptr));
+  expect("reserved1 set", -EINVAL, create_as([](O& r) { r.reserved1[1] = 1; }));
+  expect("reserved2 set", -EINVAL, create_with(&O::reserved2, 1u));
+  expect("palette colours of a 4-bit overlay", -EINVAL,
+         create_as([](O& r) { r.palette_colors[3] = 1; }));
+  expect("planar of odd width", -EINVAL,
+         create_as([](O& r) { r.type = 8, r.width = r.visible_width = 63; }));
+  expect("1-bit with its palette colours", 0,
+         create_as([](O& r) { r.type = 6, r.palette_colors[1] = ~0u; }));
+}
+
+TEST_F(DriverCommands, BufferSizesByType) {
+  const std::tuple<int, u32, u32, long> sizes[] = {
+      {0, 3, 3, 4}, {0, 1, 1, 0}, {1, 3, 3, 13}, {2, 3, 3, 9},  {3, 3, 3, 18}, {4, 3, 3, 36},
+      {5, 3, 3, 9}, {6, 7, 5, 5}, {6, 9, 2, 4},  {7, 2, 2, 10}, {8, 4, 2, 24}};
+  for (const auto& [type, w, h, size] : sizes) EXPECT_EQ(size_of(type, w, h), size) << type;
+}
+
+// Reserved bytes must be zero, and a get record nothing but its id.
+TEST_F(DriverCommands, ReservedBytesAreRefused) {
+  internal_overlay get{}, modify = made;
+  get.id = made.id, get.x = 1, modify.reserved1[0] = 1;
+  cam_buffer_query query{made.id, {0, 0, 0, 0, 1}};
+  cam_source_params add{CAM_SOURCE_ADD, made.id, {0, 1, 0}};
+  cam_palette_color colour{3, 1, 76, 85, 255, 200, {0, 1}, 1};
+  expect("get with x set", -EINVAL, command(fd, CAM_IOC_GET_OVERLAY, &get));
+  expect("modify with reserved1", -EINVAL, command(fd, CAM_IOC_MODIFY_OVERLAY, &modify));
+  expect("buffer query", -EINVAL, command(fd, CAM_IOC_GET_BUFFER, &query));
+  expect("source add", -EINVAL, command(fd, CAM_IOC_SOURCE_PARAMS, &add));
+  expect("palette colour", -EINVAL, command(fd, CAM_IOC_SET_PALETTE_COLOR, &colour));
+}
+
+// 256 live overlays, ids non-zero and unique; a lower limit.
+TEST_F(DriverCommands, OverlayLimits) {
+  u32 ids[CAMSIM_MAX_OVERLAYS] = {create(fd, record(2, 8, 8)), create(fd, record(2, 8, 8))};
+  destroy(fd, ids[0]);
+  while (camsim_live_count() < CAMSIM_MAX_OVERLAYS) create(fd, record(2, 8, 8));
+  const std::set<u32> live(ids, ids + camsim_live_ids(ids, CAMSIM_MAX_OVERLAYS));
+  expect("live ids", 256, long(live.size()));
+  expect("ids of 0", 0, long(live.count(0)));
+  expect("the 257th", -ENOMEM, create_with(&O::x, 0u));
+  expect("limit 0 refused", -1, camsim_set_overlay_limit(0));
+  for (u32 id : live)
+    if (id != made.id) destroy(fd, id);
+  expect("limit 2 set", 0, camsim_set_overlay_limit(2));
+  expect("second of limit 2", 0, create_with(&O::x, 0u));
+  expect("third of limit 2", -ENOMEM, create_with(&O::x, 0u));
+}
+
+TEST_F(DriverCommands, ModifyTakesPositionVisibleSizeAndCoordinatesOnly) {
+  internal_overlay m = record(2, 1, 1, 1, 8192, 16384), got{}, want = made;
+  internal_overlay tall = made, gone = made;
+  want.id = m.id = made.id, tall.visible_height = 33, gone.id = 4242;
+  want.x = 8192, want.y = 16384, want.visible_width = want.visible_height = 1;
+  want.coord_type = 0;  // pixels
+  expect("modify", 0, command(fd, CAM_IOC_MODIFY_OVERLAY, &m));
+  expect("get", 0, camsim_get_overlay(made.id, &got));
+  expect("record differs from the wanted one", 0, std::memcmp(&got, &want, sizeof got));
+  expect("visible taller than the overlay", -EINVAL, command(fd, CAM_IOC_MODIFY_OVERLAY, &tall));
+  expect("unknown id", -EINVAL, command(fd, CAM_IOC_MODIFY_OVERLAY, &gone));
+  expect("refresh (no record)", 0, command(fd, CAM_IOC_MODIFY_OVERLAY, nullptr));
+  expect("refreshes", 1, camsim_refresh_count());
+}
+
+TEST_F(DriverCommands, BuffersAndDestroy) {
+  camsim_overlay_info info{};
+  internal_overlay gone{};
+  gone.id = made.id;
+  const int own = get_buffer(fd, made.id);
+  expect("another overlay's buffer", -EINVAL,
+         submit(fd, made.id, get_buffer(fd, create(fd, record(2, 8, 8)))));
+  expect("an offset inside the buffer", -EINVAL, submit(fd, made.id, own + 1));
+  expect("own buffer with param 7", 0, submit(fd, made.id, own, 7));
+  expect("info", 0, camsim_get_overlay_info(made.id, &info));
+  expect("last param", 7, info.last_param);
+  expect("submitted again, not handed out again", -EINVAL, submit(fd, made.id, own));
+  expect("never handed out", -EINVAL, submit(fd, made.id, info.buffer_offsets[1]));
+  expect("destroy", 0, destroy(fd, made.id));
+  expect("live after destroy", 1, camsim_live_count());
+  expect("destroy again", -EINVAL, destroy(fd, made.id));
+  expect("get buffer of a destroyed one", -EINVAL, get_buffer(fd, made.id));
+  expect("submit to a destroyed one", -EINVAL, submit(fd, made.id, own));
+  expect("get a destroyed one", -ENOENT, command(fd, CAM_IOC_GET_OVERLAY, &gone));
+  // Fresh buffers hold the pattern, also on reused pages.
+  const u32 id = create(fd, record(2, 64, 64));
+  auto* map = static_cast<unsigned char*>(
+      mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, get_buffer(fd, id)));
+  expect("fresh bytes of the first page", 4096, std::count(map, map + 4096, CAMSIM_FRESH_BYTE));
+  munmap(map, 4096);
+}
+
+// Nodes own their commands; only handed-out buffers map, within their pages.
+TEST_F(DriverCommands, NodesAndMappings) {
+  const int quad = open("/dev/camquad", O_RDWR), cam3 = open("/dev/cam3", O_RDWR),
+            read_only = open("/dev/cam0", O_RDONLY);
+  internal_overlay r = record(2, 8, 8);
+  camsim_overlay_info info{};
+  camsim_get_overlay_info(made.id, &info);  // 8192 bytes a buffer
+  expect("create on camquad", -ENOTTY, command(quad, CAM_IOC_CREATE_OVERLAY, &r));
+  expect("get buffer on cam3", -ENOTTY, get_buffer(cam3, made.id));
+  expect("map offset 0", -EINVAL, map(fd, 0, 4096));
+  expect("map a buffer never handed out", -EINVAL, map(fd, info.buffer_offsets[1], 4096));
+  const int own = get_buffer(fd, made.id);
+  expect("map the handed-out buffer", 0, map(fd, own, 8192));
+  expect("map one byte past it", -EINVAL, map(fd, own, 8193));
+  expect("map 1 MiB", -EINVAL, map(fd, own, 1 << 20));
+  expect("map through cam3", -ENODEV, map(cam3, own, 4096));
+  expect("map read-only node writable", -EACCES, map(read_only, own, 4096));
+  for (int node : {quad, cam3, read_only}) close(node);
+}
+
+TEST_F(DriverCommands, SourceListOfEight) {
+  expect("add", 0, source(CAM_SOURCE_ADD, made.id));
+  expect("add again", 0, source(CAM_SOURCE_ADD, made.id));
+  for (int i = 0; i < 7; ++i)
+    expect("add 2nd to 8th", 0, source(CAM_SOURCE_ADD, create(fd, record(2, 8, 8))));
+  const u32 ninth = create(fd, record(2, 8, 8));
+  camsim_overlay_info info{};
+  expect("info", 0, camsim_get_overlay_info(made.id, &info));
+  expect("in source", 1, info.in_source);
+  expect("add 9th", -ENOBUFS, source(CAM_SOURCE_ADD, ninth));
+  expect("remove one not in it", -ENOENT, source(CAM_SOURCE_REMOVE, ninth));
+  expect("add an unknown id", -EINVAL, source(CAM_SOURCE_ADD, 4242));
+  expect("unknown operation", -EINVAL, source(2, ninth));
+  expect("destroy a member", 0, destroy(fd, made.id));
+  expect("add 9th then", 0, source(CAM_SOURCE_ADD, ninth));
+}
+
+TEST_F(DriverCommands, PaletteRefusedEntriesAreNotWritten) {
+  cam_palette_color c[] = {
+      {3, 1, 76, 85, 255, 200, {}, 1}, {16, 0, 0, 0, 0, 0, {}, 0}, {2, 2, 0, 0, 0, 0, {}, 0}};
+  std::uint8_t written[16];
+  expect("entry 3 of bank 1", 0, command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[0]));
+  expect("entry 16", -EINVAL, command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[1]));
+  expect("bank 2", -EINVAL, command(fd, CAM_IOC_SET_PALETTE_COLOR, &c[2]));
+  expect("read bank 1", 0, camsim_read_palette(1, nullptr, written));
+  expect("entries written", 1, std::count(written, written + 16, 1));
+  expect("entry 3 written", 1, written[3]);
+}
+
+TEST_F(DriverCommands, StreamConfigurationAndNodes) {
+  camsim_set_resolution(15, 655, 1), camsim_set_resolution(0, 700, 1);
+  expect("cam14, channel 15", 655, max_width("/dev/cam14", 0xE00));
+  expect("camquad, channel 0", 700, max_width("/dev/camquad", 0xFF00));
+  expect("cam3 through the fortified open", 1920, max_width("/dev/cam3", 0x200, true));
+  expect("cam0, a key naming no channel", -EINVAL, max_width("/dev/cam0", 0xF00));
+  expect("cam0, key 1", -EINVAL, max_width("/dev/cam0", 1));
+  expect("a node not the simulator's", -unknown_command_errno("/dev/null"),
+         max_width("/dev/null", 0));
+  expect("cam15 does not exist", -1, open("/dev/cam15", O_RDWR));
+  expect("an unknown command", -ENOTTY, command(fd, 0x40043799u, nullptr));
+  expect("unknown commands counted", 1, camsim_call_count(CAMSIM_UNKNOWN_COMMAND));
 }
 
 class BufferRing : public ::testing::TestWithParam<u32> {};
