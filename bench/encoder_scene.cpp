@@ -28,8 +28,8 @@
 #include <vector>
 
 #include "camsim.h"
-#include "private_dev_shm.h"
 #include "tokenfill.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel.h"
 
 namespace {
@@ -244,7 +244,7 @@ class Scene {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!zantrel::test::private_dev_shm()) fail("a private /dev/shm");
+  if (!zantrel::private_dev_shm()) fail("a private /dev/shm");
   const std::string mode = argc > 1 ? argv[1] : "scene";
   uint32_t bound = Encoder::kUnset;
   if (argc > 3 && std::strcmp(argv[2], "--bound") == 0) {

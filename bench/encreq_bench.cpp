@@ -5,8 +5,6 @@
 // Each reports the driver calls a frame makes, or the redraws per
 // stream-second.
 #include <benchmark/benchmark.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/time.h>
 
 #include <cstdio>
@@ -15,6 +13,7 @@
 
 #include "camsim.h"
 #include "tokenfill.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel.h"
 
 namespace {
@@ -232,9 +231,7 @@ BENCHMARK(BM_ClockMinute)
 int main(int argc, char** argv) {
   // overlay_init removes every table in /dev/shm and the simulator keeps its
   // state there: the run gets a private tmpfs, or does not run at all.
-  if (unshare(CLONE_NEWNS) != 0 ||
-      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) {
+  if (!zantrel::private_dev_shm()) {
     std::perror("encreq_bench: a private /dev/shm");
     return 1;
   }

@@ -33,8 +33,8 @@
 #include <vector>
 
 #include "camsim.h"
-#include "private_dev_shm.h"
 #include "tokenfill.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel-internal/table_check.h"
 #include "zantrel.h"
 
@@ -383,7 +383,7 @@ int main(int argc, char** argv) {
     }
   }
   if (every < 1 || first < 1) return 2;
-  if (!zantrel::test::private_dev_shm()) {
+  if (!zantrel::private_dev_shm()) {
     std::fprintf(stderr, "fault sweep: cannot make a private /dev/shm: %s\n", std::strerror(errno));
     return 77;
   }

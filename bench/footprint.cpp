@@ -4,8 +4,6 @@
 // go. Prints the process's figures before the first text, after the first
 // text (the font is open then), and at the end.
 #include <dirent.h>
-#include <sched.h>
-#include <sys/mount.h>
 
 #include <cstdio>
 #include <cstring>
@@ -14,6 +12,7 @@
 
 #include "camsim.h"
 #include "tokenfill.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel.h"
 
 namespace {
@@ -74,9 +73,7 @@ overlay_text text_record(const char* text, int32_t font_size, int32_t scalable) 
 int main() {
   // overlay_init removes every table in /dev/shm and the simulator keeps its
   // state there: the run gets a private tmpfs, or does not run at all.
-  if (unshare(CLONE_NEWNS) != 0 ||
-      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) {
+  if (!zantrel::private_dev_shm()) {
     std::perror("footprint: a private /dev/shm");
     return 1;
   }

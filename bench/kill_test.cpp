@@ -35,7 +35,7 @@
 #include <vector>
 
 #include "camsim.h"
-#include "private_dev_shm.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel-internal/table_check.h"
 #include "zantrel.h"
 
@@ -256,7 +256,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "kill test: no robust futex lists here: a dead holder goes unseen\n");
     return 77;
   }
-  if (!zantrel::test::private_dev_shm()) {
+  if (!zantrel::private_dev_shm()) {
     std::fprintf(stderr, "kill test: cannot make a private /dev/shm: %s\n", std::strerror(errno));
     return 2;
   }

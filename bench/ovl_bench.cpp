@@ -3,8 +3,6 @@
 // (one mapping, or 8-byte reads), create the overlay, fill its four planes,
 // submit, and destroy it again.
 #include <benchmark/benchmark.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "camsim.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel.h"
 
 namespace {
@@ -102,11 +101,7 @@ BENCHMARK_CAPTURE(BM_LoadOvl, argb_640x480, false)->Unit(benchmark::kMillisecond
 int main(int argc, char** argv) {
   // The simulator keeps its state in /dev/shm; a private tmpfs there keeps
   // the run away from anything else using it, where the rights allow one.
-  if (unshare(CLONE_NEWNS) == 0 &&
-      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-      mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") == 0) {
-    camsim_reset();
-  }
+  if (zantrel::private_dev_shm()) camsim_reset();
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

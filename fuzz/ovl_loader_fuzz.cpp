@@ -14,7 +14,7 @@
 #include <string>
 
 #include "camsim.h"
-#include "private_dev_shm.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel.h"
 
 namespace {
@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   // machine. A private tmpfs there keeps millions of loads away from anything
   // else running against it; without the rights for one, the machine's state
   // is used and only this process's own overlays are counted.
-  if (zantrel::test::private_dev_shm("size=1g")) {
+  if (zantrel::private_dev_shm("size=1g")) {
     camsim_reset();
   } else {
     std::fprintf(stderr, "ovl_loader_fuzz: no private /dev/shm, using the shared one\n");

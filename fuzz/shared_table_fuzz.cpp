@@ -26,8 +26,8 @@
 #include <memory>
 #include <string>
 
-#include "private_dev_shm.h"
 #include "table.h"
+#include "zantrel-base/private_dev_shm.h"
 #include "zantrel-internal/table_check.h"
 #include "zantrel.h"
 
@@ -151,7 +151,7 @@ int check(overlay_table* t, bool repair) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  if (!zantrel::test::private_dev_shm("size=64m"))
+  if (!zantrel::private_dev_shm("size=64m"))
     fail("no private /dev/shm: refusing to touch the machine's tables");
   return 0;
 }

@@ -4,8 +4,6 @@
 #include <fcntl.h>
 #include <glob.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,19 +14,8 @@
 #include <cstring>
 #include <string>
 
-#include "private_dev_shm.h"
 #include "test_support.h"
-
-namespace {
-
-void isolate_dev_shm() {
-  if (!zantrel::test::private_dev_shm()) {
-    std::fprintf(stderr, "test: cannot mount a private /dev/shm: %s\n", std::strerror(errno));
-    std::exit(2);
-  }
-}
-
-}  // namespace
+#include "zantrel-base/private_dev_shm.h"
 
 namespace zantrel::test {
 
@@ -99,7 +86,10 @@ std::string robust_mutex_limit() {
 }  // namespace zantrel::test
 
 int main(int argc, char** argv) {
-  isolate_dev_shm();
+  if (!zantrel::private_dev_shm()) {
+    std::fprintf(stderr, "test: cannot mount a private /dev/shm: %s\n", std::strerror(errno));
+    return 2;
+  }
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

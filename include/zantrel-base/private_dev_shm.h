@@ -1,7 +1,8 @@
 // A private tmpfs on /dev/shm for this process and its children, so that
 // programs that make and remove shared tables and the simulator's state (the
-// tests, the kill test, the fuzz harnesses) never meet the machine's own.
-// Without root, a user namespace that maps the caller to root gives the rights.
+// tests, the benchmarks, the kill test, the sweeps, the fuzz harnesses) never
+// meet the machine's own. Without root, a user namespace that maps the caller
+// to root gives the rights.
 #pragma once
 
 #include <fcntl.h>
@@ -11,7 +12,7 @@
 
 #include <string>
 
-namespace zantrel::test {
+namespace zantrel {
 
 inline bool write_proc_file(const char* path, const std::string& text) {
   const int fd = open(path, O_WRONLY | O_CLOEXEC);
@@ -37,4 +38,4 @@ inline bool private_dev_shm(const char* size = "size=256m") {
                (std::string("mode=1777,") + size).c_str()) == 0;
 }
 
-}  // namespace zantrel::test
+}  // namespace zantrel
