@@ -8,9 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,6 +18,10 @@
 
 namespace {
 
+using api_test::entry;
+using api_test::kernel_id;
+using api_test::main_version;
+using api_test::Table;
 using Ids = std::vector<uint32_t>;
 constexpr uint32_t kEveryOverlay =
     OVERLAY_FILTER_LEGACY | OVERLAY_FILTER_NON_LEGACY | OVERLAY_FILTER_PLAIN;
@@ -39,10 +41,6 @@ std::vector<unsigned char> shown_pixels(uint32_t id) {
   camsim_read_shown_buffer(id, pixels.data(), pixels.size());
   return pixels;
 }
-// Scratch files go to the test process's private /dev/shm.
-void write_file(const std::string& path, std::string_view bytes) {
-  std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
-}
 
 // A request with every byte marked, to see what the library writes.
 overlay_encreq marked(uint32_t version) {
@@ -60,13 +58,6 @@ void setup(overlay_stream_context* ctx, overlay_encreq& request,
   EXPECT_EQ(overlay_setup_in_encreq(ctx, &request, params), 0);
 }
 
-// The main table, mapped for one expression.
-struct Table {
-  overlay_table* t = overlay_table_map();
-  ~Table() { overlay_table_unmap(t); }
-};
-overlay_entry_data entry(int handle) { return overlay_table_get_entry(Table().t, handle)->data; }
-uint32_t kernel_id(int handle) { return static_cast<uint32_t>(entry(handle).kernel_id); }
 // The kernel ids of `handles` at the first positions, 0 at the rest.
 Ids ids_of(const std::vector<int>& handles) {
   Ids ids(8, 0);
@@ -116,8 +107,7 @@ int make(char kind, int32_t priority) {
     handle = add_text(kind == 'T' ? "Gate 4" : "#T", priority);
   } else if (kind == 'I') {  // ARGB, 8 x 6
     const std::string path = "/dev/shm/encreq-" + std::to_string(priority) + ".ovl";
-    write_file(path, std::string("og4\0\0\x10\x08\0\x06", 9) +
-                         std::string(OVL_HEADER_SIZE - 9, '\0') + std::string(8 * 6 * 4, '\xC0'));
+    api_test::write_ovl(path, 8, 6, '\xC0');
     handle = add_image(path, priority);
   } else {
     overlay_entry_data data{};
@@ -133,15 +123,11 @@ int make(char kind, int32_t priority) {
   return handle;
 }
 
-class EncodeRequest : public testing::Test {
+class EncodeRequest : public api_test::Library {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(camsim_reset(), 0);
-    ASSERT_GT(overlay_init(0), 0);
-  }
   void TearDown() override {
     for (overlay_stream_context* context : contexts_) overlay_stream_context_destroy(context);
-    overlay_deinit();
+    Library::TearDown();
   }
 
   overlay_stream_context* context(uint32_t width = 1920, uint32_t height = 1080,
@@ -257,7 +243,7 @@ TEST_F(EncodeRequest, NoContextOrContextMadeBeforeTheTable) {
   // A new context on a table that never changed: a request of version 0 is
   // up to date.
   ASSERT_GT(overlay_init(0), 0);
-  ASSERT_EQ(Table().t->version, 0u);
+  ASSERT_EQ(main_version(), 0u);
   request = marked(0);
   calls = camsim_total_calls();
   setup(context(), request);
@@ -286,10 +272,10 @@ TEST_F(EncodeRequest, EitherCounterOnItsOwnGathers) {
   EXPECT_EQ(ids(request), ids_of({global, streamed}));
 
   // After each change: which counters moved, and what the request shows.
-  uint32_t main = Table().t->version, stream = stream_version();
+  uint32_t main = main_version(), stream = stream_version();
   auto after = [&](const char* change, bool main_moves, bool stream_moves, std::vector<int> shown) {
     SCOPED_TRACE(change);
-    ASSERT_EQ(Table().t->version != std::exchange(main, Table().t->version), main_moves);
+    ASSERT_EQ(main_version() != std::exchange(main, main_version()), main_moves);
     ASSERT_EQ(stream_version() != std::exchange(stream, stream_version()), stream_moves);
     const uint32_t version = request.version;
     const long calls = camsim_total_calls();
@@ -366,14 +352,9 @@ INSTANTIATE_TEST_SUITE_P(Texts, StreamCopies,
                          kRowName);
 
 TEST_F(EncodeRequest, ScalableImageCopiedPerStream) {
-  // A directory holding a 108 x 54 bitmap of 24 bits a pixel.
-  std::string bmp = std::string(54, '\0') + std::string(108 * 3 * 54, '\x60');
-  const uint32_t fields[][2] = {
-      {0, 0x4D42},   {2, uint32_t(bmp.size())}, {10, 54}, {14, 40}, {18, 108}, {22, 54},
-      {26, 0x180001}};
-  for (const auto& [at, value] : fields) std::memcpy(&bmp[at], &value, 4);
+  // A directory holding a 108 x 54 bitmap. Scratch files go to the private /dev/shm.
   mkdir("/dev/shm/encreq-logo", 0700);
-  write_file("/dev/shm/encreq-logo/bmp", bmp);
+  api_test::write_bmp("/dev/shm/encreq-logo/bmp", 108, 54, '\x60');
   const int handle = on_stream(on_stream(add_image("/dev/shm/encreq-logo", 20), 0), 1);
   ASSERT_EQ(entry(handle).type, OVERLAY_TYPE_SCALABLE_IMAGE);
   ASSERT_EQ(entry(handle).kernel_id, 0);

@@ -15,11 +15,10 @@ namespace {
 
 using zantrel::test::logged_once;
 
-class ModifiableText : public testing::Test {
+class ModifiableText : public api_test::Library {
  protected:
   void SetUp() override {
-    ASSERT_EQ(camsim_reset(), 0);
-    ASSERT_GT(overlay_init(0), 0);
+    Library::SetUp();
     stream_ = overlay_stream_context_create(o_get_fd(), 0, 0, 0, 1920, 1080, 7);
     slot_.in_use = 1;
     slot_.data.type = OVERLAY_TYPE_MODIFIABLE_TEXT;
@@ -29,7 +28,7 @@ class ModifiableText : public testing::Test {
   }
   void TearDown() override {
     overlay_stream_context_destroy(stream_);
-    overlay_deinit();
+    Library::TearDown();
   }
   // The text, expanded without a time, drawn for this frame.
   uint32_t frame(overlay_stream_context* stream = nullptr) {

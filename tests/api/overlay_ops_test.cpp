@@ -22,41 +22,28 @@ using zantrel::test::captured_logs;
 using zantrel::test::clear_captured_logs;
 using zantrel::test::logged_once;
 
-class OverlayOps : public testing::Test {
+using api_test::entry;
+using api_test::kernel_id;
+using api_test::main_version;
+using api_test::Table;
+
+class OverlayOps : public api_test::Library {
  protected:
   void SetUp() override {
-    ASSERT_EQ(camsim_reset(), 0);
-    ASSERT_GT(overlay_init(0), 0);
+    Library::SetUp();
     clear_captured_logs();
     calls_after_init_ = camsim_total_calls();
   }
-  void TearDown() override { overlay_deinit(); }
 
   // Driver calls since the library was initialised (which loads the palette).
   long calls() const { return camsim_total_calls() - calls_after_init_; }
   long calls_after_init_ = 0;
 
-  static overlay_table_entry entry(int handle) {
-    overlay_table* table = overlay_table_map();
-    overlay_table_entry copy = *overlay_table_get_entry(table, handle);
-    overlay_table_unmap(table);
-    return copy;
-  }
-  static uint32_t kernel_id(int handle) { return entry(handle).data.kernel_id; }
-  static uint32_t main_version() {
-    overlay_table* table = overlay_table_map();
-    uint32_t version = table->version;
-    overlay_table_unmap(table);
-    return version;
-  }
   // A table entry of `type` without a hardware overlay; its handle.
   static int bare_entry(int32_t type) {
-    overlay_table* table = overlay_table_map();
     overlay_entry_data data{};
     data.type = type;
-    int handle = overlay_table_create_overlay(table, &data);
-    overlay_table_unmap(table);
-    return handle;
+    return overlay_table_create_overlay(Table().t, &data);
   }
 };
 
@@ -86,11 +73,11 @@ TEST_F(OverlayOps, FilledBufferIsShown) {
 TEST_F(OverlayOps, DriverRefusals) {
   // What a refusal must leave as it was: the source set and the palette copy.
   auto sets_and_palette = [] {
-    overlay_table* table = overlay_table_map();
-    std::vector<int8_t> bytes(std::begin(table->source_handles), std::end(table->source_handles));
-    const auto* palette = reinterpret_cast<const int8_t*>(table->palette_copy);
-    bytes.insert(bytes.end(), palette, palette + sizeof table->palette_copy);
-    overlay_table_unmap(table);
+    const Table table;
+    std::vector<int8_t> bytes(std::begin(table.t->source_handles),
+                              std::end(table.t->source_handles));
+    const auto* palette = reinterpret_cast<const int8_t*>(table.t->palette_copy);
+    bytes.insert(bytes.end(), palette, palette + sizeof table.t->palette_copy);
     return bytes;
   };
   overlay moved = api_test::plain(8, 8);
@@ -195,11 +182,9 @@ TEST_F(OverlayOps, RefusedCallsTouchNothing) {
       {false, -1, [] { return overlay_deinit(); }},
   };
   auto table_bytes = [] {
-    overlay_table* table = overlay_table_map();
-    std::vector<uint8_t> bytes(reinterpret_cast<uint8_t*>(table),
-                               reinterpret_cast<uint8_t*>(table->palette_copy + 16));
-    overlay_table_unmap(table);
-    return bytes;
+    const Table table;
+    return std::vector<uint8_t>(reinterpret_cast<uint8_t*>(table.t),
+                                reinterpret_cast<uint8_t*>(table.t->palette_copy + 16));
   };
   int row = 0;
   for (const auto& [bound, result, call] : rows) {
@@ -271,7 +256,7 @@ TEST_F(OverlayOps, UpdateMovesOnlyWhenThePositionChanged) {
   ASSERT_EQ(camsim_get_overlay(kernel_id(1), &rec), 0);
   EXPECT_EQ(std::tuple(rec.x, rec.y, rec.visible_width), std::tuple(10U, 20U, 16U));
   EXPECT_EQ(main_version(), version + 2);
-  const overlay stored = entry(1).data.description.ovl;  // only placement changes
+  const overlay stored = entry(1).description.ovl;  // only placement changes
   EXPECT_EQ(std::tuple(stored.priority, stored.width), std::tuple(9, 32U));
 
   EXPECT_EQ(overlay_update(2, &moved), -1);

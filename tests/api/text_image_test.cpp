@@ -7,7 +7,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <set>
 #include <string>
 #include <tuple>
@@ -32,43 +31,15 @@ overlay_text text_record(const char* text, int size = 32, int scroll = 0) {
   return t;
 }
 
-// A 24-bit bottom-up bitmap of one grey.
-void write_bmp(const std::string& path, int width, int height) {
-  const uint32_t row = (width * 3 + 3) & ~3, size = 54 + row * height;
-  const uint32_t fields[] = {size, 0, 54, 40, uint32_t(width), uint32_t(height), 1 | (24 << 16)};
-  std::vector<char> file(size, '\x80');
-  file[0] = 'B', file[1] = 'M';
-  std::memcpy(&file[2], fields, sizeof fields);  // up to the bits per pixel
-  std::fill_n(&file[30], 24, 0);                 // no compression, no palette
-  std::ofstream(path, std::ios::binary).write(file.data(), size);
-}
+using api_test::entry;
 
-// An ".ovl" image of opaque white ARGB pixels.
-std::string make_ovl(const std::string& dir, int width, int height) {
-  std::vector<char> file{
-      'o', 'g', '4', 0, 0, 16, char(width), char(width >> 8), char(height), char(height >> 8)};
-  file.resize(78, 0);
-  file.resize(78 + 4 * width * height, '\xFF');
-  const std::string path = dir + "/logo.ovl";
-  std::ofstream(path, std::ios::binary).write(file.data(), file.size());
-  return path;
-}
-
-class TextImage : public testing::Test {
+class TextImage : public api_test::Library {
  protected:
   void SetUp() override {
-    ASSERT_EQ(camsim_reset(), 0);
-    ASSERT_GT(overlay_init(0), 0);
+    Library::SetUp();
     char dir[] = "/dev/shm/images-XXXXXX";  // goes with the test's private /dev/shm
     ASSERT_NE(mkdtemp(dir), nullptr);
     dir_ = dir;
-  }
-  void TearDown() override { overlay_deinit(); }
-  static overlay_entry_data entry(int handle) {
-    overlay_table* table = overlay_table_map();
-    overlay_entry_data data = overlay_table_get_entry(table, handle)->data;
-    overlay_table_unmap(table);
-    return data;
   }
   std::string dir_;
 };
@@ -152,7 +123,8 @@ TEST_F(TextImage, RenderRaisesSmallSizesAndRendersPalettePixels) {
 
 TEST_F(TextImage, ImageFromFileLoadsOnlyWhenChanged) {
   overlay_image image{};
-  const std::string ovl = make_ovl(dir_, 64, 48);
+  const std::string ovl = dir_ + "/logo.ovl";
+  api_test::write_ovl(ovl, 64, 48, '\xFF');
   std::snprintf(image.path, sizeof image.path, "%s", ovl.c_str());
   const int handle = overlay_image_create(&image);
   ASSERT_GT(handle, 0);
@@ -180,7 +152,7 @@ TEST_F(TextImage, ImageFromFileLoadsOnlyWhenChanged) {
 }
 
 TEST_F(TextImage, ScalableImagesAndMissingPaths) {
-  write_bmp(dir_ + "/bmp", 320, 240);
+  api_test::write_bmp(dir_ + "/bmp", 320, 240, '\x80');
   overlay_image image{};
   std::snprintf(image.path, sizeof image.path, "%s", dir_.c_str());
   const int handle = overlay_image_create(&image);
