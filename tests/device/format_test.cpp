@@ -4,11 +4,8 @@
 #include <syslog.h>
 
 #include <cerrno>
-#include <cstring>
 #include <limits>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "camsim.h"
 #include "device.h"

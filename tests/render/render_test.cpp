@@ -5,7 +5,6 @@
 #include <sys/mount.h>
 
 #include <atomic>
-#include <cmath>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -228,12 +227,7 @@ TEST(Render, TextPeopleType) {
   Buffer cjk(render(context.get(), "东门\n\nCam 1", 32));
   EXPECT_GT(g_hash_table_size(context->glyph_cache), 5u);
   EXPECT_EQ(cjk.rows, 3 * context->line_height + 4 + (3 * context->line_height) % 2);
-  // Strings cairo cannot convert have no glyphs; control bytes are glyphs of
-  // the font's own choosing. Neither may crash or read past the string.
-  for (const char* text : {"\xff\xfe\xfd", "ab\xc3", "\t\x01\x7f\r"}) {
-    Buffer b(render(context.get(), text, 24));
-    EXPECT_NE(b.data, nullptr) << text;
-  }
+  // Strings cairo cannot convert are the fuzz corpus's (invalid_utf8_lines).
   Buffer many(render(context.get(), std::string(511, '\n').c_str(), 16));
   EXPECT_EQ(many.rows % 2, 0u);
   EXPECT_GE(many.rows, 512 * context->line_height);

@@ -59,15 +59,10 @@ pid_t spawn_child(const std::function<int()>& body) {
 }
 
 int wait_child(pid_t pid) {
-  if (pid < 0) {
-    return -1;
-  }
+  if (pid < 0) return -1;
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) {
-      return -1;
-    }
-  }
+  while (waitpid(pid, &status, 0) < 0)
+    if (errno != EINTR) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
