@@ -47,27 +47,6 @@ class OverlayOps : public api_test::Library {
   }
 };
 
-// Placement is seen in the driver's record by the update test.
-TEST_F(OverlayOps, FilledBufferIsShown) {
-  overlay ovl = api_test::plain(16, 8, 1);
-  ASSERT_EQ(overlay_create(&ovl), 1);
-  EXPECT_EQ(std::tuple(ovl.palette_bank, ovl.buffer_size), std::tuple(1U, 16U * 8U * 4U));
-  int32_t offset = -1;
-  ASSERT_EQ(overlay_get_buffer(1, &offset), 0);
-  void* map =
-      mmap(nullptr, ovl.buffer_size, PROT_READ | PROT_WRITE, MAP_SHARED, o_get_fd(), offset);
-  ASSERT_NE(map, MAP_FAILED);
-  std::fill_n(static_cast<uint32_t*>(map), ovl.buffer_size / 4, 0xFFFF0000U);
-  munmap(map, ovl.buffer_size);
-  ASSERT_EQ(overlay_submit_buffer(1, offset, 0), 0);
-  std::vector<uint32_t> shown(ovl.buffer_size / 4);
-  ASSERT_EQ(camsim_read_shown_buffer(kernel_id(1), shown.data(), ovl.buffer_size), 16 * 8 * 4);
-  EXPECT_EQ(std::count(shown.begin(), shown.end(), 0xFFFF0000U), 16 * 8);
-  EXPECT_EQ(overlay_destroy(1), 0);
-  EXPECT_EQ(camsim_live_count(), 0);
-  EXPECT_TRUE(captured_logs().empty());
-}
-
 // Each operation on a plain overlay of handle 1 while the driver refuses one
 // command: its result, its messages, and the hardware overlays left.
 TEST_F(OverlayOps, DriverRefusals) {
@@ -236,9 +215,23 @@ TEST_F(OverlayOps, BadDescriptionsNeverReachTheDriver) {
   EXPECT_TRUE(logged_once(LOG_ERR, "libzantrel: Could not get overlay for this handle.\n"));
 }
 
-TEST_F(OverlayOps, UpdateMovesOnlyWhenThePositionChanged) {
+// A filled buffer is shown; an update moves the overlay only when its
+// position changed.
+TEST_F(OverlayOps, FilledBufferIsShownAndMovedOnlyWhenThePositionChanged) {
   overlay ovl = api_test::plain(32, 32, 1);
   ASSERT_EQ(overlay_create(&ovl), 1);
+  EXPECT_EQ(std::tuple(ovl.palette_bank, ovl.buffer_size), std::tuple(1U, 32U * 32U * 4U));
+  int32_t offset = -1;
+  ASSERT_EQ(overlay_get_buffer(1, &offset), 0);
+  void* map = mmap(nullptr, ovl.buffer_size, PROT_WRITE, MAP_SHARED, o_get_fd(), offset);
+  ASSERT_NE(map, MAP_FAILED);
+  std::fill_n(static_cast<uint32_t*>(map), ovl.buffer_size / 4, 0xFFFF0000U);
+  munmap(map, ovl.buffer_size);
+  ASSERT_EQ(overlay_submit_buffer(1, offset, 0), 0);
+  std::vector<uint32_t> shown(ovl.buffer_size / 4);
+  ASSERT_EQ(camsim_read_shown_buffer(kernel_id(1), shown.data(), ovl.buffer_size), 32 * 32 * 4);
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), 0xFFFF0000U), 32 * 32);
+  EXPECT_TRUE(captured_logs().empty());
   const uint32_t version = main_version();
   const long before = camsim_total_calls();
   overlay same = ovl;

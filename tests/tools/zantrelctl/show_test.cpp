@@ -34,10 +34,9 @@ TEST(ZantrelctlShow, DescribesASmallScene) {
   EXPECT_EQ(state["version"], 4);
   ASSERT_EQ(state["entries"].size(), 1U);
   const nlohmann::json& entry = state["entries"][0];
-  EXPECT_EQ(entry["handle"], handle);
-  EXPECT_EQ(entry["type_name"], "plain");
-  EXPECT_EQ(entry["width"], 64);
-  EXPECT_EQ(entry["priority"], 5);
+  const nlohmann::json fields = {
+      {"handle", handle}, {"type_name", "plain"}, {"width", 64}, {"priority", 5}};
+  for (const auto& [key, value] : fields.items()) EXPECT_EQ(entry[key], value) << key;
   EXPECT_EQ(entry["position"]["normalized"], true);
   EXPECT_EQ(state["global"], nlohmann::json::array({handle}));
   EXPECT_EQ(state["channels"]["2"], nlohmann::json::array({handle}));
